@@ -40,6 +40,16 @@ namespace XpLib {
       ::XpLib::fatalFailure(text, std::string(), text, __FILE__, __LINE__, __func__);            \
   } while (0)
 
+// As XP_ASSERT_TEXT, with values streamed after the report.
+#define XP_ASSERT_TEXT_V(cond, text, values)                                                     \
+  do {                                                                                           \
+    if (!(cond)) [[unlikely]] {                                                                  \
+      std::ostringstream xpAssertOs_;                                                            \
+      xpAssertOs_ << values;                                                                     \
+      ::XpLib::fatalFailure(text, xpAssertOs_.str(), text, __FILE__, __LINE__, __func__);        \
+    }                                                                                            \
+  } while (0)
+
 // Unconditional stop: reports Failed(name) with the values, then fails the assertion !"name".
 #define XP_FAIL(name, values)                                                                    \
   do {                                                                                           \

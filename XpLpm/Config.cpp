@@ -1,0 +1,205 @@
+// The LPM configuration entity: attribute changes, derived geometry, least treads.
+#include "XpLpm/Config.h"
+
+#include "platform/Assert.h"
+#include "platform/Exception.h"
+#include "platform/Trace.h"
+
+namespace XpLib {
+namespace XpLpm {
+
+// Writes an attribute and announces it, unless it already holds the value.
+#define XP_CONFIG_SETTER(Type, name, member, handler)         \
+  void ConfigBase::name##Is(Type v) {                         \
+    if (v == member) return;                                  \
+    member = v;                                               \
+    announce([](Notifiee& n) { n.handler(); });               \
+  }
+
+XP_CONFIG_SETTER(KeyType, keyType, keyType_, onKeyType)
+XP_CONFIG_SETTER(U8, nhiPairPerEntry, nhiPairPerEntry_, onNhiPairPerEntry)
+XP_CONFIG_SETTER(U8, nhiBlockBaseWidth, nhiBlockBaseWidth_, onNhiBlockBaseWidth)
+XP_CONFIG_SETTER(U32, nhiTableSize, nhiTableSize_, onNhiTableSize)
+XP_CONFIG_SETTER(U16, nhiEntriesPerTile, nhiEntriesPerTile_, onNhiEntriesPerTile)
+XP_CONFIG_SETTER(U8, nhiAvailableTiles, nhiAvailableTiles_, onNhiAvailableTiles)
+XP_CONFIG_SETTER(bool, supportMultiNhiEntriesPerSubTrie, supportMultiNhiEntriesPerSubTrie_,
+                 onSupportMultiNhiEntriesPerSubTrie)
+XP_CONFIG_SETTER(RestartMode, restartMode, restartMode_, onRestartMode)
+
+#undef XP_CONFIG_SETTER
+
+void ConfigBase::addressFamilyIs(AddressFamily af) {
+  if (af == addressFamily_) return;
+  addressFamily_ = af;
+  announce([](Notifiee& n) { n.onAddressFamily(); });
+}
+
+void ConfigBase::prefixTableConfigIs(const Ptr<PrefixTableConfig>& cfg) {
+  if (!cfg) {
+    throw RangeException(
+        "null _prefixTableConfig parameter to mutator for XpLib::XpLpm::ConfigBase::prefixTableConfig not allowed\"");
+  }
+  PrefixTableId id = cfg->tableId();
+  if (const auto* held = prefixTableConfig_.find(id); held && *held == cfg) return;
+  prefixTableConfig_.set(id, cfg);
+  announce([id](Notifiee& n) { n.onPrefixTableConfig(id); });
+}
+
+void ConfigBase::prefixTableConfigDel(PrefixTableId id) {
+  if (!prefixTableConfig_.erase(id)) return;
+  announce([id](Notifiee& n) { n.onPrefixTableConfig(id); });
+}
+
+void ConfigBase::prefixTableConfigDelAll() {
+  while (!prefixTableConfig_.empty()) prefixTableConfigDel(prefixTableConfig_.begin()->first);
+}
+
+void ConfigBase::leastTreadForPrefixLenIs(U8 keyLen, U8 tread) {
+  if (const U8* held = leastTreadForPrefixLen_.find(keyLen); held && *held == tread) return;
+  leastTreadForPrefixLen_.set(keyLen, tread);
+  announce([keyLen](Notifiee& n) { n.onLeastTreadForPrefixLen(keyLen); });
+}
+
+void ConfigBase::leastTreadForPrefixLenDel(U8 keyLen) {
+  if (!leastTreadForPrefixLen_.erase(keyLen)) return;
+  announce([keyLen](Notifiee& n) { n.onLeastTreadForPrefixLen(keyLen); });
+}
+
+void ConfigBase::leastTreadForPrefixLenDelAll() {
+  while (!leastTreadForPrefixLen_.empty()) leastTreadForPrefixLenDel(leastTreadForPrefixLen_.begin()->first);
+}
+
+Ptr<PrefixTable> ConfigBase::prefixTableSortedByTread(U8 position) const {
+  return position < prefixTableSortedByTread_.size() ? prefixTableSortedByTread_[position] : Ptr<PrefixTable>();
+}
+
+void ConfigBase::prefixTableSortedByTreadIs(U8 position, const Ptr<PrefixTable>& table) {
+  if (position >= prefixTableSortedByTread_.size()) prefixTableSortedByTread_.resize(position + 1);
+  if (prefixTableSortedByTread_[position] == table) return;
+  prefixTableSortedByTread_[position] = table;
+  announce([position](Notifiee& n) { n.onPrefixTableSortedByTread(position); });
+}
+
+bool ConfigBase::availableStride(U8 stride) const {
+  auto it = availableStride_.find(stride);
+  return it != availableStride_.end() && it->second;
+}
+
+void ConfigBase::availableStrideIs(U8 stride, bool available) {
+  auto [it, inserted] = availableStride_.try_emplace(stride, available);
+  if (!inserted) {
+    if (it->second == available) return;
+    it->second = available;
+  }
+  announce([stride](Notifiee& n) { n.onAvailableStride(stride); });
+}
+
+void ConfigBase::availableStrideDel(U8 stride) {
+  if (availableStride_.erase(stride) == 0) return;
+  announce([stride](Notifiee& n) { n.onAvailableStride(stride); });
+}
+
+void ConfigBase::requestIs(const Ptr<LpmPrefix>& p, const NextHopBlock& block) {
+  if (const NextHopBlock* held = request_.find(p); held && *held == block) return;
+  request_.set(p, block);
+  announce([&p](Notifiee& n) { n.onRequest(p); });
+}
+
+void ConfigBase::requestDel(const Ptr<LpmPrefix>& p) {
+  Ptr<LpmPrefix> keep = p;  // the caller's reference may be the map's own key
+  if (!request_.erase(keep)) return;
+  announce([&keep](Notifiee& n) { n.onRequest(keep); });
+}
+
+void ConfigBase::requestDelAll() {
+  while (!request_.empty()) requestDel(request_.begin()->first);
+}
+
+U8 ConfigBase::keyLength() const {
+  if (keyType_ == keyShort48b) return 48;
+  XP_ASSERT_TEXT(keyType_ == keyLong144b, "keyType() == keyLong144b_");
+  return 144;
+}
+
+U8 ConfigBase::nhiBlockEcmpWidth() const {
+  U8 nhiPairSize = 0;
+  switch (nhiPairPerEntry_) {
+    case 6: nhiPairSize = 21; break;
+    case 7: nhiPairSize = 18; break;
+    case 8: nhiPairSize = 16; break;
+    case 10: nhiPairSize = 12; break;
+    default: XP_ASSERT_TEXT(false, "false && \"Unknown NHI pair per entry\"");
+  }
+  XP_ASSERT_TEXT(nhiPairSize >= nhiBlockBaseWidth(), "nhiPairSize >= nhiBlockBaseWidth()");
+  return static_cast<U8>(nhiPairSize - nhiBlockBaseWidth());
+}
+
+U8 ConfigBase::fanoutPrefixLen(int prefixLen) const {
+  const U8 least = leastTreadForPrefixLen(static_cast<U8>(prefixLen));
+  XP_ASSERT_TEXT(!prefixTableSortedByTread_.empty(), "prefixTableFound");
+  U8 result = 0;
+  bool prefixTableFound = false;
+  for (std::size_t i = 0; i < prefixTableSortedByTread_.size(); ++i) {
+    const Ptr<PrefixTable>& prefixTable = prefixTableSortedByTread_[i];
+    XP_ASSERT(prefixTable);
+    int tread = prefixTable->tableConfig()->tread();
+    if (least <= tread && tread <= prefixLen) {
+      prefixTableFound = true;
+      result = i == 0 ? static_cast<U8>(prefixLen) : prefixTableSortedByTread_[i - 1]->tableConfig()->tread();
+      break;
+    }
+  }
+  XP_ASSERT(prefixTableFound);
+  XP_TRACE(1, "Lpm::fanoutPrefixLen prefixLen " << prefixLen << " fanoutLen " << +result);
+  return result;
+}
+
+void ConfigV4::addressFamilyIs(AddressFamily af) {
+  if (af == addressFamily()) return;
+  throw ImmutableAttrMutationException("XpLib::XpLpm::ConfigV4::addressFamily");
+}
+
+// These least treads are the tuning of the hardware tables: short prefixes may sit
+// anywhere, /20 and /21 (key 36, 37) no lower than tread 30, longer ones no lower than 35.
+void ConfigV4::populateLeastTreadForPrefixLenSettings(bool lpmTreadUserCfgd) {
+  leastTreadForPrefixLenDelAll();
+  for (U32 len = 0; len <= keyLength(); ++len) {
+    U8 least = 0;
+    if (!lpmTreadUserCfgd) least = len <= 35 ? 0 : len <= 37 ? 30 : 35;
+    leastTreadForPrefixLenIs(static_cast<U8>(len), least);
+  }
+}
+
+Ptr<LpmPrefixV4> ConfigV4::newLpmPrefix(const VrfAndPrefix& key) {
+  if (const Ptr<LpmPrefixV4>* held = lpmPrefix_.find(key)) return *held;
+  Ptr<LpmPrefixV4> p = lpmPrefixV4Factory(key);
+  lpmPrefix_.set(key, p);
+  return p;
+}
+
+void ConfigV6::addressFamilyIs(AddressFamily af) {
+  if (af == addressFamily()) return;
+  throw ImmutableAttrMutationException("XpLib::XpLpm::ConfigV6::addressFamily");
+}
+
+void ConfigV6::populateLeastTreadForPrefixLenSettings(bool lpmTreadUserCfgd) {
+  leastTreadForPrefixLenDelAll();
+  for (U32 len = 0; len <= keyLength(); ++len) {
+    U8 least = 0;
+    if (!lpmTreadUserCfgd) least = len <= 59 ? 0 : 60;
+    leastTreadForPrefixLenIs(static_cast<U8>(len), least);
+  }
+}
+
+Ptr<LpmPrefixV6> ConfigV6::newLpmPrefix(const VrfAndIp6Prefix& key) {
+  if (const Ptr<LpmPrefixV6>* held = lpmPrefix_.find(key)) return *held;
+  Ptr<LpmPrefixV6> p = lpmPrefixV6Factory(key);
+  lpmPrefix_.set(key, p);
+  return p;
+}
+
+Ptr<ConfigV4> configV4Factory(const Name& name) { return makePtr<ConfigV4>(name); }
+Ptr<ConfigV6> configV6Factory(const Name& name) { return makePtr<ConfigV6>(name); }
+
+}  // namespace XpLpm
+}  // namespace XpLib

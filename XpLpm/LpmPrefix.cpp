@@ -1,0 +1,129 @@
+// Key construction, text forms and fanout bookkeeping of LPM prefixes.
+#include "XpLpm/LpmPrefix.h"
+
+#include <algorithm>
+
+#include "platform/Assert.h"
+#include "platform/Exception.h"
+#include "platform/Trace.h"
+
+namespace XpLib {
+namespace XpLpm {
+
+namespace {
+
+// Keeps the first `len` bits of a 64-bit left-aligned chunk.
+constexpr U64 keepTop(U64 v, int len) { return len <= 0 ? 0 : len >= 64 ? v : v & (~U64(0) << (64 - len)); }
+
+template <class A, class B>
+int threeWay(const A& a, const B& b) {
+  return a < b ? -1 : b < a ? 1 : 0;
+}
+
+}  // namespace
+
+U8 LpmPrefix::len() const { throw NoImplementationException("method must be implemeted in the derived class"); }
+
+SubTrieBranch LpmPrefix::branch(U8) const {
+  throw NoImplementationException("method must be implemented in the derived class");
+}
+
+std::string LpmPrefix::stringValue() const {
+  throw NoImplementationException("method must be implemented in the derived class");
+}
+
+std::ostream& operator<<(std::ostream& os, const LpmPrefix& p) { return os << p.stringValue(); }
+
+// The key is laid out a 64-bit chunk at a time rather than a byte at a time:
+// the prefix's address bits below its length are zero already, so masking the
+// whole key to branchLen gives exactly the byte-wise construction.
+SubTrieBranch LpmPrefixV4::branch(U8 branchLen) const {
+  XP_ASSERT_TEXT(branchLen <= kVrfBits + 32, "branchLen <= vrfBits + 32");
+  U64 key = (static_cast<U64>(vrfAndPrefix_.vrf & 0xFFFF) << 48) |
+            (static_cast<U64>(vrfAndPrefix_.prefix.address()) << 16);
+  key = keepTop(key, branchLen);
+  return SubTrieBranch(static_cast<U32>(key >> 32), static_cast<U32>(key), 0, 0, 0);
+}
+
+std::string LpmPrefixV4::stringValue() const {
+  return "vrf " + std::to_string(vrfAndPrefix_.vrf) + " prefix " + vrfAndPrefix_.prefix.str();
+}
+
+int LpmPrefixV4::keyCompare(const LpmPrefix& o) const {
+  return threeWay(vrfAndPrefix_, static_cast<const LpmPrefixV4&>(o).vrfAndPrefix_);
+}
+
+const LpmPrefixV4::KeyMap& LpmPrefixV4::orEmpty(const std::unique_ptr<KeyMap>& m) {
+  static const KeyMap empty;
+  return m ? *m : empty;
+}
+
+void LpmPrefixV4::assign(std::unique_ptr<KeyMap>& m, const VrfAndPrefix& key, bool v) {
+  if (!m) m = std::make_unique<KeyMap>();
+  m->set(key, v);
+}
+
+void LpmPrefixV4::erase(std::unique_ptr<KeyMap>& m, const VrfAndPrefix& key) {
+  if (!m) return;
+  m->erase(key);
+  if (m->empty()) m.reset();
+}
+
+void LpmPrefixV4::createFanoutPrefixV4(U32 targetTread) {
+  XP_TRACE(3, "LpmPrefixV4::createFanoutPrefixV4 lpmPrefix " << stringValue());
+  XP_ASSERT_TEXT(targetTread > len(), "targetTread > len()");
+  if (targetTread > kVrfBits + 32u) throw RangeException("Prefix::validAsPrefix != true not allowed");
+  const U8 newLen = static_cast<U8>(targetTread - kVrfBits);
+  const U64 count = U64(1) << (targetTread - len());
+  XP_TRACE(3, " fanout of " << stringValue() << " targetTread " << targetTread << " count " << count);
+  const U32 source = vrfAndPrefix_.prefix.address();
+  for (U64 i = 0; i < count; ++i) {
+    // i fills the bits just below the source length; newLen > 0 here, so the shift is below 32.
+    U32 address = source | static_cast<U32>(i << (32 - newLen));
+    VrfAndPrefix key{vrfAndPrefix_.vrf, Prefix(address, newLen)};
+    XP_TRACE(3, "  -- #" << i << " vrf " << key.vrf << " prefix " << key.prefix);
+    prefixFanoutListIs(key, true);
+  }
+}
+
+std::size_t LpmPrefixV4::heapBytes() const {
+  std::size_t bytes = 0;
+  if (otherOwnerList_) bytes += sizeof(KeyMap) + otherOwnerList_->heapBytes();
+  if (prefixFanoutList_) bytes += sizeof(KeyMap) + prefixFanoutList_->heapBytes();
+  return bytes;
+}
+
+SubTrieBranch LpmPrefixV6::branch(U8 branchLen) const {
+  XP_ASSERT_TEXT(branchLen <= kVrfBits + 128, "branchLen <= vrfBits + 128");
+  const Ip6Prefix& p = vrfAndIp6Prefix_.prefix;
+  U64 hi = p.high(), lo = p.low();
+  // Chunks of the 144-bit key, left-aligned: VRF:addr[0..47], addr[48..111], addr[112..127].
+  U64 c0 = (static_cast<U64>(vrfAndIp6Prefix_.vrf & 0xFFFF) << 48) | (hi >> 16);
+  U64 c1 = (hi << 48) | (lo >> 16);
+  U64 c2 = lo << 48;
+  c0 = keepTop(c0, branchLen);
+  c1 = keepTop(c1, branchLen - 64);
+  c2 = keepTop(c2, branchLen - 128);
+  return SubTrieBranch(static_cast<U32>(c0 >> 32), static_cast<U32>(c0), static_cast<U32>(c1 >> 32),
+                       static_cast<U32>(c1), static_cast<U16>(c2 >> 48));
+}
+
+std::string LpmPrefixV6::stringValue() const {
+  return "vrf " + std::to_string(vrfAndIp6Prefix_.vrf) + " prefix " + vrfAndIp6Prefix_.prefix.str();
+}
+
+int LpmPrefixV6::keyCompare(const LpmPrefix& o) const {
+  return threeWay(vrfAndIp6Prefix_, static_cast<const LpmPrefixV6&>(o).vrfAndIp6Prefix_);
+}
+
+Ptr<LpmPrefixV4> lpmPrefixV4Factory(const VrfAndPrefix& key) { return makePtr<LpmPrefixV4>(key); }
+Ptr<LpmPrefixV6> lpmPrefixV6Factory(const VrfAndIp6Prefix& key) { return makePtr<LpmPrefixV6>(key); }
+
+bool LpmPrefixList::operator==(const LpmPrefixList& o) const {
+  return std::equal(begin(), end(), o.begin(), o.end(), [](const auto& a, const auto& b) {
+    return a.first == b.first && LpmPrefixEq()(a.second, b.second);
+  });
+}
+
+}  // namespace XpLpm
+}  // namespace XpLib

@@ -1,0 +1,146 @@
+// SubTrie: the content of one prefix-table entry, the prefixes that share its
+// branch (the first branchLen key bits), each in a numbered slot, and the NHI
+// block that holds their next hops by slot.
+//
+// Slots are one small vector indexed by slot number (null = free): both
+// directions of the slot <-> prefix mapping stay within one cache-friendly array
+// of at most 216 entries, and an entry costs 8 bytes instead of two map nodes.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "XpLpm/LpmPrefix.h"
+#include "XpLpm/NhiInfo.h"
+#include "XpLpm/XpLpmTypes.h"
+#include "platform/Bitmap.h"
+#include "platform/HashMap.h"
+#include "platform/Ptr.h"
+
+namespace XpLib {
+namespace XpLpm {
+
+class PrefixTable;
+
+class SubTrie : public PtrInterface {
+ public:
+  SubTrie(PrefixTableIdx index, const SubTrieBranch& branch, U8 branchLen, U8 stride, SubTrieMode mode,
+          PrefixTable* table)
+      : index_(index), branch_(branch), branchLen_(branchLen), stride_(stride), mode_(mode), table_(table) {}
+
+  PrefixTableIdx index() const { return index_; }
+  void indexIs(PrefixTableIdx idx) { index_ = idx; }
+  const SubTrieBranch& branch() const { return branch_; }
+  void branchIs(const SubTrieBranch& b) { branch_ = b; }
+  U8 branchLen() const { return branchLen_; }
+  void branchLenIs(U8 n) { branchLen_ = n; }
+  U8 stride() const { return stride_; }
+  void strideIs(U8 s) { stride_ = s; }
+  SubTrieMode mode() const { return mode_; }
+  void modeIs(SubTrieMode m) { mode_ = m; }
+  // The owning table; not counted, the table outlives its sub-tries.
+  PrefixTable* table() const { return table_; }
+  void tableIs(PrefixTable* t) { table_ = t; }
+
+  const NhiTableIdx& nhiBaseIdx() const { return nhiBaseIdx_; }
+  void nhiBaseIdxIs(const NhiTableIdx& idx) { nhiBaseIdx_ = idx; }
+  U8 nhiBlkSize() const { return nhiBlkSize_; }
+  void nhiBlkSizeIs(U8 n) { nhiBlkSize_ = n; }
+  const NhiInfoKey& nhiInfoKey() const { return nhiInfoKey_; }
+  void nhiInfoKeyIs(const NhiInfoKey& k) { nhiInfoKey_ = k; }
+  U8 maxPrefixSlot() const { return maxPrefixSlot_; }
+  void maxPrefixSlotIs(U8 n) { maxPrefixSlot_ = n; }
+
+  // Prefixes by slot.
+  Ptr<LpmPrefix> prefix(U8 slot) const { return slot < slots_.size() ? slots_[slot] : Ptr<LpmPrefix>(); }
+  U32 prefixs() const { return numPrefixes_; }
+  U32 numPrefixes() const { return numPrefixes_; }
+  void prefixIs(U8 slot, const Ptr<LpmPrefix>& p);
+  void prefixDel(U8 slot);
+  void prefixDelAll();
+  // The slot of a prefix held here, or nullopt.
+  std::optional<U8> prefixToSlot(const Ptr<LpmPrefix>& p) const;
+  // The slot view is the inverse of the prefix view by construction: both are one array.
+  void prefixToSlotIs(const Ptr<LpmPrefix>& p, U8 slot) { prefixIs(slot, p); }
+  // The slots array itself, index = slot, null = free; may be shorter than maxPrefixSlot.
+  const std::vector<Ptr<LpmPrefix>>& slots() const { return slots_; }
+
+  const Ptr<Bitmap>& prefixBitmap() const { return prefixBitmap_; }
+  void prefixBitmapIs(U64 id, U32 size, Bitmap::BitState initial) { prefixBitmap_ = makePtr<Bitmap>(id, size, initial); }
+  void prefixBitmapDel() { prefixBitmap_ = nullptr; }
+
+  // Would numPrefixes prefixes of this stride fit one entry of this table at this branch length and mode.
+  bool fit(U8 branchLen, U8 stride, U8 numPrefixes, SubTrieMode mode) const;
+  // Creates the slot bitmap: one bit per slot the entry can hold, all free.
+  void allocatePrefixBitmap();
+  // Puts a prefix in the lowest free slot. Requires: fit() said there is room.
+  void addPrefix(const Ptr<LpmPrefix>& p);
+  // Frees the prefix's slot; the high-water mark stays until compaction.
+  void removePrefix(const Ptr<LpmPrefix>& p);
+  // Renumbers the occupied slots densely from 0, in ascending slot order.
+  void compactPrefixes();
+
+  // "index,branchLen,stride,mode,nhiBlkSize,prefixes,maxPrefixSlot,bitmapSize/<nhiInfoKey>/<tile>,<offset>".
+  std::string str() const;
+  // The sub-trie as trace lines.
+  void dump() const;
+  // Fatal unless the slot array, bitmap and counters agree.
+  void verify() const;
+
+  std::size_t heapBytes() const;
+
+ private:
+  U32 entrySize() const;
+
+  PrefixTableIdx index_;
+  SubTrieBranch branch_;
+  U8 branchLen_;
+  U8 stride_;
+  U8 nhiBlkSize_ = 0;
+  U8 maxPrefixSlot_ = 0;
+  SubTrieMode mode_;
+  U32 numPrefixes_ = 0;
+  PrefixTable* table_;
+  NhiTableIdx nhiBaseIdx_;
+  NhiInfoKey nhiInfoKey_;
+  Ptr<Bitmap> prefixBitmap_;
+  std::vector<Ptr<LpmPrefix>> slots_;
+};
+
+Ptr<SubTrie> subTrieFactory(PrefixTableIdx index, const SubTrieBranch& branch, U8 branchLen, U8 stride,
+                            SubTrieMode mode, PrefixTable* table);
+
+std::ostream& operator<<(std::ostream& os, const SubTrie& st);
+
+// Hash of an object by its address; iteration order of a HashMap does not depend
+// on hash values, so this keeps runs deterministic.
+struct AddressHash {
+  template <class T>
+  U32 operator()(const Ptr<T>& p) const {
+    return hashMix(reinterpret_cast<std::uintptr_t>(p.ptr()));
+  }
+};
+
+// The sub-tries that use one NHI block.
+class SubTrieSet : public PtrInterface {
+ public:
+  using Map = HashMap<Ptr<SubTrie>, bool, AddressHash>;
+
+  bool subTrie(const Ptr<SubTrie>& st) const { return set_.contains(st); }
+  U32 subTries() const { return set_.size(); }
+  void subTrieIs(const Ptr<SubTrie>& st) { set_.set(st, true); }
+  void newSubTrie(const Ptr<SubTrie>& st) { subTrieIs(st); }
+  void subTrieDel(const Ptr<SubTrie>& st) { set_.erase(st); }
+  void subTrieDelAll() { set_.clear(); }
+  Map::const_iterator begin() const { return set_.begin(); }
+  Map::const_iterator end() const { return set_.end(); }
+
+ private:
+  Map set_;
+};
+
+Ptr<SubTrieSet> subTrieSetFactory();
+
+}  // namespace XpLpm
+}  // namespace XpLib

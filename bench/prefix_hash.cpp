@@ -1,0 +1,70 @@
+// Hashing one real prefix for one prefix table, as every insertion does per table tried.
+#include <benchmark/benchmark.h>
+#include <zlib.h>
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "XpLpm/XpLpm.h"
+
+namespace {
+
+using namespace XpLib;
+using namespace XpLib::XpLpm;
+
+std::vector<Ptr<LpmPrefix>> loadIpv4Routes() {
+  std::vector<Ptr<LpmPrefix>> out;
+  gzFile f = gzopen(XPLPM_DATA_DIR "/routes-v4.txt.gz", "rb");
+  if (!f) return out;
+  char line[256];
+  while (gzgets(f, line, sizeof line)) {
+    std::string s(line);
+    if (s.empty() || s[0] == '#') continue;
+    auto p = Prefix::parse(s.substr(0, s.find(' ')));
+    if (p) out.push_back(lpmPrefixV4Factory(VrfAndPrefix{0, *p}));
+  }
+  gzclose(f);
+  return out;
+}
+
+const std::vector<Ptr<LpmPrefix>>& routes() {
+  static const std::vector<Ptr<LpmPrefix>> r = loadIpv4Routes();
+  return r;
+}
+
+void BM_PrefixHashForTable(benchmark::State& state) {
+  const U8 tread = static_cast<U8>(state.range(0));
+  auto cfg = xpPrefixTableConfigFactory(PrefixTableId(0), prefixTableWide256b, 1u << 15, tread);
+  cfg->xdkHashFunctionIs(new XpXdk::crcHashFunction(144, 15, 0x1B1DD, 1, tread));
+  const auto& r = routes();
+  if (r.empty()) {
+    state.SkipWithError("no route table");
+    return;
+  }
+  std::size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(cfg->hashFunc(r[i]));
+    if (++i == r.size()) i = 0;
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_PrefixHashForTable)->Arg(24)->Arg(35);
+
+// Yardstick: a std::hash of the same key value.
+void BM_StdHashOfKey(benchmark::State& state) {
+  const auto& r = routes();
+  std::vector<U64> keys;
+  for (const auto& p : r) keys.push_back(p->branch(35).u64(0));
+  std::size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(std::hash<U64>()(keys[i]));
+    if (++i == keys.size()) i = 0;
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_StdHashOfKey);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,394 @@
+// Tests of the LPM configuration: one prefix object per key, prefix-keyed collections, notifications,
+// exceptions, derived geometry, least treads, fanout lengths, and prefix-table hashing and text forms.
+#include "XpLpm/Config.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iostream>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "XpLpm/Status.h"
+#include "platform/Exception.h"
+#include "platform/Trace.h"
+#include "xdk/XpBitVector.h"
+#include "xdk/xpHashFunction.h"
+
+namespace XpLib {
+namespace XpLpm {
+namespace {
+
+template <class Ex>
+void expectThrowMessage(const std::function<void()>& f, const std::string& message) {
+  try {
+    f();
+    ADD_FAILURE() << "no exception, expected: " << message;
+  } catch (const Ex& e) {
+    EXPECT_EQ(std::string(e.what()), message);
+  }
+}
+
+VrfAndPrefix v4Key(U32 vrf, const char* text) { return {vrf, *Prefix::parse(text)}; }
+
+struct ConfigRecorder : ConfigBase::Notifiee {
+  std::vector<std::string> heard;
+  std::function<void()> then;  // runs after each announcement is noted
+  void note(std::string s) {
+    heard.push_back(std::move(s));
+    if (then) then();
+  }
+  void onAddressFamily() override { note("addressFamily"); }
+  void onKeyType() override { note("keyType"); }
+  void onPrefixTableConfig(PrefixTableId id) override { note("prefixTableConfig " + id.str()); }
+  void onNhiPairPerEntry() override { note("nhiPairPerEntry"); }
+  void onNhiBlockBaseWidth() override { note("nhiBlockBaseWidth"); }
+  void onNhiTableSize() override { note("nhiTableSize"); }
+  void onNhiEntriesPerTile() override { note("nhiEntriesPerTile"); }
+  void onNhiAvailableTiles() override { note("nhiAvailableTiles"); }
+  void onSupportMultiNhiEntriesPerSubTrie() override { note("supportMulti"); }
+  void onLeastTreadForPrefixLen(U8 len) override { note("leastTread " + std::to_string(len)); }
+  void onPrefixTableSortedByTread(U8 pos) override { note("sortedByTread " + std::to_string(pos)); }
+  void onAvailableStride(U8 stride) override { note("stride " + std::to_string(stride)); }
+  void onRestartMode() override { note("restartMode"); }
+  void onRequest(const Ptr<LpmPrefix>& p) override { note("request " + p->stringValue()); }
+};
+
+Ptr<PrefixTable> tableWithTread(U8 id, U8 tread) {
+  return prefixTableFactory(PrefixTableId(id),
+                            makePtr<PrefixTableConfig>(PrefixTableId(id), prefixTableNarrow128b, 1024, tread));
+}
+
+TEST(ConfigTest, OnePrefixObjectPerKey) {
+  Ptr<ConfigV4> cfg = configV4Factory("v4");
+  Ptr<LpmPrefixV4> a = cfg->newLpmPrefix(v4Key(1, "10.0.0.0/8"));
+  EXPECT_EQ(cfg->newLpmPrefix(v4Key(1, "10.0.0.0/8")), a);
+  EXPECT_EQ(cfg->lpmPrefix(v4Key(1, "10.0.0.0/8")), a);
+  EXPECT_NE(cfg->newLpmPrefix(v4Key(2, "10.0.0.0/8")), a);
+  EXPECT_EQ(cfg->lpmPrefixs(), 2u);
+  Ptr<ConfigV6> cfg6 = configV6Factory("v6");
+  const VrfAndIp6Prefix k6{1, *Ip6Prefix::parse("2001:db8::/32")};
+  EXPECT_EQ(cfg6->newLpmPrefix(k6), cfg6->newLpmPrefix(k6));
+  EXPECT_EQ(cfg6->lpmPrefixs(), 1u);
+}
+
+// Collections keyed by Ptr<LpmPrefix> find a prefix by its value, and iterate in an order made by the
+// history of operations alone: two configurations fed the same operations through differently allocated
+// prefix objects (another allocation order, fresh objects now and then) iterate identically.
+TEST(ConfigTest, PrefixKeyedCollectionsFollowValuesAndHistory) {
+  const unsigned seed = 1301;
+  std::cout << "seed " << seed << "\n";
+  std::mt19937 rng(seed);
+  std::vector<VrfAndPrefix> keys;
+  while (keys.size() < 60) {
+    U8 len = static_cast<U8>(std::uniform_int_distribution<int>(0, 32)(rng));
+    VrfAndPrefix k{std::uniform_int_distribution<U32>(0, 3)(rng),
+                   Prefix(std::uniform_int_distribution<U32>()(rng) & Prefix::mask(len), len)};
+    if (std::find(keys.begin(), keys.end(), k) == keys.end()) keys.push_back(k);
+  }
+  Ptr<ConfigV4> cfgA = configV4Factory("a"), cfgB = configV4Factory("b");
+  Ptr<Status> stA = statusFactory("a"), stB = statusFactory("b");
+  std::map<VrfAndPrefix, Ptr<LpmPrefixV4>> objB;
+  std::vector<Ptr<LpmPrefixV4>> padding;
+  for (auto it = keys.rbegin(); it != keys.rend(); ++it) {
+    objB[*it] = lpmPrefixV4Factory(*it);
+    for (int i = std::uniform_int_distribution<int>(0, 3)(rng); i > 0; --i) padding.push_back(lpmPrefixV4Factory({}));
+  }
+  std::map<VrfAndPrefix, NextHopBlock> model;
+  auto order = [](const LpmPrefixMap<NextHopBlock>& m) {
+    std::vector<std::pair<std::string, NextHopBlock>> out;
+    for (const auto& [p, block] : m) out.emplace_back(p->stringValue(), block);
+    return out;
+  };
+  for (int step = 0; step < 1500; ++step) {
+    const VrfAndPrefix& k = keys[std::uniform_int_distribution<size_t>(0, keys.size() - 1)(rng)];
+    Ptr<LpmPrefix> a = cfgA->newLpmPrefix(k);
+    Ptr<LpmPrefix> b = std::uniform_int_distribution<int>(0, 2)(rng) == 0 ? lpmPrefixV4Factory(k) : objB[k];
+    if (std::uniform_int_distribution<int>(0, 2)(rng) == 0) {
+      cfgA->requestDel(a), stA->prefixToNextHopBlockDel(a);
+      cfgB->requestDel(b), stB->prefixToNextHopBlockDel(b);
+      model.erase(k);
+    } else {
+      NextHopBlock block(std::uniform_int_distribution<U32>(0, 7)(rng), 1);
+      cfgA->requestIs(a, block), stA->prefixToNextHopBlockIs(a, block);
+      cfgB->requestIs(b, block), stB->prefixToNextHopBlockIs(b, block);
+      model[k] = block;
+    }
+    ASSERT_EQ(cfgB->requests(), model.size());
+    ASSERT_EQ(stB->prefixToNextHopBlocks(), model.size());
+    ASSERT_EQ(cfgB->request(lpmPrefixV4Factory(k)), model.count(k) ? model[k] : NextHopBlock());
+    ASSERT_EQ(stA->prefixToNextHopBlock(lpmPrefixV4Factory(k)), model.count(k) ? model[k] : NextHopBlock());
+    if (step % 50 == 0) {
+      ASSERT_EQ(order(cfgA->requestMap()), order(cfgB->requestMap())) << "step " << step;
+      ASSERT_EQ(order(stA->prefixToNextHopBlockMap()), order(stB->prefixToNextHopBlockMap())) << "step " << step;
+    }
+  }
+  for (const auto& [k, block] : model) EXPECT_EQ(cfgA->request(objB[k]), block) << k;
+}
+
+TEST(ConfigNotificationTest, EachRealChangeIsAnnouncedOnce) {
+  Ptr<ConfigV4> cfg = configV4Factory("v4");
+  ConfigRecorder rec;
+  rec.notifierIs(cfg);
+  // Writing the defaults changes nothing.
+  cfg->keyTypeIs(keyShort48b);
+  cfg->supportMultiNhiEntriesPerSubTrieIs(true);
+  cfg->restartModeIs(modeNoRestart);
+  cfg->nhiTableSizeIs(0);
+  cfg->addressFamilyIs(AddressFamily::ipv4);
+  EXPECT_TRUE(rec.heard.empty());
+
+  Ptr<PrefixTableConfig> tcfg = makePtr<PrefixTableConfig>(PrefixTableId(2), prefixTableWide256b, 4096, 24);
+  Ptr<LpmPrefix> p = cfg->newLpmPrefix(v4Key(1, "10.0.0.0/8"));
+  Ptr<LpmPrefix> sameKey = lpmPrefixV4Factory(v4Key(1, "10.0.0.0/8"));
+  Ptr<PrefixTable> table = prefixTableFactory(PrefixTableId(2), tcfg);
+  struct Step {
+    std::function<void()> apply;
+    std::string heard;
+  };
+  const Step steps[] = {
+      {[&] { cfg->keyTypeIs(keyLong144b); }, "keyType"},
+      {[&] { cfg->nhiPairPerEntryIs(7); }, "nhiPairPerEntry"},
+      {[&] { cfg->nhiBlockBaseWidthIs(12); }, "nhiBlockBaseWidth"},
+      {[&] { cfg->nhiTableSizeIs(16384); }, "nhiTableSize"},
+      {[&] { cfg->nhiEntriesPerTileIs(4096); }, "nhiEntriesPerTile"},
+      {[&] { cfg->nhiAvailableTilesIs(4); }, "nhiAvailableTiles"},
+      {[&] { cfg->supportMultiNhiEntriesPerSubTrieIs(false); }, "supportMulti"},
+      {[&] { cfg->restartModeIs(modeRestartNormal); }, "restartMode"},
+      {[&] { cfg->prefixTableConfigIs(tcfg); }, "prefixTableConfig 2"},
+      {[&] { cfg->leastTreadForPrefixLenIs(36, 30); }, "leastTread 36"},
+      {[&] { cfg->leastTreadForPrefixLenIs(36, 35); }, "leastTread 36"},
+      {[&] { cfg->prefixTableSortedByTreadIs(0, table); }, "sortedByTread 0"},
+      {[&] { cfg->availableStrideIs(4, true); }, "stride 4"},
+      {[&] { cfg->requestIs(p, NextHopBlock(10, 2)); }, "request vrf 1 prefix 10.0.0.0/8"},
+      {[&] { cfg->requestIs(sameKey, NextHopBlock(10, 2)); }, ""},
+      {[&] { cfg->requestIs(sameKey, NextHopBlock(10, 4)); }, "request vrf 1 prefix 10.0.0.0/8"},
+      {[&] { cfg->requestDel(sameKey); }, "request vrf 1 prefix 10.0.0.0/8"},
+      {[&] { cfg->prefixTableConfigDel(PrefixTableId(2)); }, "prefixTableConfig 2"},
+      {[&] { cfg->availableStrideDel(4); }, "stride 4"},
+  };
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.heard);
+    rec.heard.clear();
+    s.apply();
+    EXPECT_EQ(rec.heard, s.heard.empty() ? std::vector<std::string>{} : std::vector<std::string>{s.heard});
+    rec.heard.clear();
+    s.apply();
+    EXPECT_TRUE(rec.heard.empty()) << "the same write again: " << rec.heard.front();
+  }
+  EXPECT_EQ(cfg->request(p), NextHopBlock());
+  EXPECT_EQ(cfg->requests(), 0u);
+}
+
+TEST(ConfigNotificationTest, InactiveNotifieeHearsNothingAndOneMayDetachWhileHearing) {
+  Ptr<ConfigV4> cfg = configV4Factory("v4");
+  ConfigRecorder quiet, leaving, staying;
+  quiet.notifierIs(cfg);
+  leaving.notifierIs(cfg);
+  staying.notifierIs(cfg);
+  quiet.isNotificationActiveIs(false);
+  leaving.then = [&] { leaving.notifierIs(nullptr); };
+  Ptr<LpmPrefix> p = cfg->newLpmPrefix(v4Key(1, "10.0.0.0/8"));
+  cfg->requestIs(p, NextHopBlock(1, 1));
+  cfg->requestIs(p, NextHopBlock(2, 1));
+  cfg->requestDelAll();
+  EXPECT_TRUE(quiet.heard.empty());
+  EXPECT_EQ(leaving.heard.size(), 1u);
+  EXPECT_EQ(staying.heard, std::vector<std::string>(3, "request vrf 1 prefix 10.0.0.0/8"));
+  quiet.isNotificationActiveIs(true);
+  cfg->keyTypeIs(keyLong144b);
+  EXPECT_EQ(quiet.heard, std::vector<std::string>{"keyType"});
+}
+
+TEST(ConfigTest, BadMutationsThrow) {
+  Ptr<ConfigV4> v4 = configV4Factory("v4");
+  Ptr<ConfigV6> v6 = configV6Factory("v6");
+  expectThrowMessage<ImmutableAttrMutationException>([&] { v4->addressFamilyIs(AddressFamily::ipv6); },
+                                                     "XpLib::XpLpm::ConfigV4::addressFamily");
+  expectThrowMessage<ImmutableAttrMutationException>([&] { v6->addressFamilyIs(AddressFamily::ipv4); },
+                                                     "XpLib::XpLpm::ConfigV6::addressFamily");
+  EXPECT_EQ(v4->addressFamily(), AddressFamily::ipv4);
+  EXPECT_EQ(v6->addressFamily(), AddressFamily::ipv6);
+  expectThrowMessage<RangeException>(
+      [&] { v4->prefixTableConfigIs(nullptr); },
+      "null _prefixTableConfig parameter to mutator for XpLib::XpLpm::ConfigBase::prefixTableConfig not allowed\"");
+  EXPECT_EQ(v4->prefixTableConfigs(), 0u);
+  PrefixTableConfig bare(PrefixTableId(1), prefixTableNarrow128b, 16, 8);
+  expectThrowMessage<NoImplementationException>([&] { bare.hashFunc(v4->newLpmPrefix(v4Key(0, "1.0.0.0/8"))); },
+                                                "hashFunc must be implemented in the derived class");
+}
+
+TEST(ConfigTest, DerivedGeometry) {
+  Ptr<ConfigV4> cfg = configV4Factory("v4");
+  EXPECT_EQ(cfg->vrfBits(), 16);
+  EXPECT_EQ(cfg->keyLength(), 48);
+  cfg->keyTypeIs(keyLong144b);
+  EXPECT_EQ(cfg->keyLength(), 144);
+  struct Case {
+    U8 pairs, baseWidth, ecmpWidth, maxBlock;
+  };
+  for (const Case& c : {Case{6, 12, 9, 36}, Case{7, 12, 6, 31}, Case{8, 12, 4, 27}, Case{10, 12, 0, 22},
+                        Case{6, 0, 21, 36}, Case{8, 16, 0, 27}}) {
+    SCOPED_TRACE(testing::Message() << +c.pairs << " pairs, base " << +c.baseWidth);
+    cfg->nhiPairPerEntryIs(c.pairs);
+    cfg->nhiBlockBaseWidthIs(c.baseWidth);
+    EXPECT_EQ(cfg->nhiBlockEcmpWidth(), c.ecmpWidth);
+    EXPECT_EQ(cfg->nhiMaxBlockSize(), c.maxBlock);
+  }
+  EXPECT_EQ(PrefixTableConfig(PrefixTableId(0), prefixTableNarrow128b, 1, 8).entrySize(), 88u);
+  EXPECT_EQ(PrefixTableConfig(PrefixTableId(0), prefixTableWide256b, 1, 8).entrySize(), 216u);
+}
+
+TEST(ConfigDeathTest, UnknownGeometryIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Ptr<ConfigV4> cfg = configV4Factory("v4");
+  for (U8 pairs : {0, 9, 12}) {
+    cfg->nhiPairPerEntryIs(pairs);
+    EXPECT_DEATH(cfg->nhiBlockEcmpWidth(), "false && \"Unknown NHI pair per entry\"");
+  }
+  cfg->nhiPairPerEntryIs(10);
+  cfg->nhiBlockBaseWidthIs(13);
+  EXPECT_DEATH(cfg->nhiBlockEcmpWidth(), "nhiPairSize >= nhiBlockBaseWidth\\(\\)");
+  cfg->keyTypeIs(static_cast<KeyType>(2));
+  EXPECT_DEATH(cfg->keyLength(), "keyType\\(\\) == keyLong144b_");
+  PrefixTableConfig odd(PrefixTableId(0), static_cast<PrefixTableType>(2), 1, 8);
+  EXPECT_DEATH(odd.entrySize(), "tableType\\(\\) == prefixTableWide256b_");
+}
+
+TEST(ConfigTest, LeastTreads) {
+  Ptr<ConfigV4> v4 = configV4Factory("v4");
+  Ptr<ConfigV6> v6 = configV6Factory("v6");
+  v6->keyTypeIs(keyLong144b);
+  v4->leastTreadForPrefixLenIs(200, 9);  // stale: populating starts afresh
+  for (bool userCfgd : {false, true}) {
+    SCOPED_TRACE(userCfgd);
+    v4->populateLeastTreadForPrefixLenSettings(userCfgd);
+    v6->populateLeastTreadForPrefixLenSettings(userCfgd);
+    EXPECT_EQ(v4->leastTreadForPrefixLens(), 49u);
+    EXPECT_EQ(v6->leastTreadForPrefixLens(), 145u);
+    for (U32 len = 0; len <= 144; ++len) {
+      EXPECT_EQ(v6->leastTreadForPrefixLen(len), userCfgd || len <= 59 ? 0 : 60) << len;
+      if (len <= 48) {
+        EXPECT_EQ(v4->leastTreadForPrefixLen(len), userCfgd || len <= 35 ? 0 : len <= 37 ? 30 : 35) << len;
+      }
+    }
+  }
+}
+
+// Tables of treads 40, 32, 24, in that order.
+Ptr<ConfigV4> configWithTreads40_32_24() {
+  Ptr<ConfigV4> cfg = configV4Factory("v4");
+  const U8 treads[] = {40, 32, 24};
+  for (U8 i = 0; i < 3; ++i) cfg->prefixTableSortedByTreadIs(i, tableWithTread(i, treads[i]));
+  return cfg;
+}
+
+TEST(ConfigTest, FanoutPrefixLen) {
+  Ptr<ConfigV4> cfg = configWithTreads40_32_24();
+  std::vector<std::string> lines;
+  Trace::sinkIs([&](int level, std::string_view line) {
+    if (level == 1) lines.emplace_back(line);
+  });
+  Trace::levelIs(1);
+  struct Case {
+    int prefixLen;
+    U8 least, expected;
+  };
+  for (const Case& c : {Case{36, 0, 40}, Case{44, 0, 44}, Case{40, 0, 40}, Case{48, 35, 48}, Case{32, 0, 40},
+                        Case{24, 0, 32}, Case{38, 30, 40}}) {
+    SCOPED_TRACE(c.prefixLen);
+    cfg->leastTreadForPrefixLenIs(static_cast<U8>(c.prefixLen), c.least);
+    EXPECT_EQ(cfg->fanoutPrefixLen(c.prefixLen), c.expected);
+  }
+  Trace::levelIs(-1);
+  Trace::sinkIs(nullptr);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.front(), "Lpm::fanoutPrefixLen prefixLen 36 fanoutLen 40");
+}
+
+TEST(ConfigDeathTest, FanoutPrefixLenWithoutATableIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Ptr<ConfigV4> cfg = configWithTreads40_32_24();
+  EXPECT_DEATH(cfg->fanoutPrefixLen(20), "Assertion `prefixTableFound' failed");
+  cfg->leastTreadForPrefixLenIs(36, 35);
+  EXPECT_DEATH(cfg->fanoutPrefixLen(36), "Assertion `prefixTableFound' failed");
+  EXPECT_DEATH(configV4Factory("empty")->fanoutPrefixLen(36), "Assertion `prefixTableFound' failed");
+  Ptr<ConfigV4> holed = configV4Factory("holed");
+  holed->prefixTableSortedByTreadIs(0, tableWithTread(0, 40));
+  holed->prefixTableSortedByTreadIs(2, tableWithTread(2, 24));
+  EXPECT_DEATH(holed->fanoutPrefixLen(36), "Assertion `prefixTable' failed");
+}
+
+TEST(PrefixTableTest, TextForms) {
+  Ptr<XpPrefixTableConfig> tcfg = xpPrefixTableConfigFactory(PrefixTableId(2), prefixTableWide256b, 4096, 24);
+  EXPECT_EQ(tcfg->str(), "2,1,4096,24");
+  EXPECT_EQ(prefixTableFactory(PrefixTableId(2), tcfg)->str(), "2, tcfg 2,1,4096,24");
+}
+
+// The SDK gets the key cut to the tread, least significant key byte first.
+U32 sdkHash(const XpPrefixTableConfig& tcfg, const LpmPrefix& p) {
+  const SubTrieBranch key = p.branch(tcfg.tread());
+  std::array<U8, 18> bytes;
+  for (U32 j = 0; j < 18; ++j) bytes[j] = key.u8(17 - j);
+  return tcfg.xdkHashFunction()->hash(XpXdk::XpBitVector(bytes, 144));
+}
+
+TEST(XpPrefixTableConfigTest, HashesTheFirstTreadKeyBits) {
+  const unsigned seed = 1302;
+  std::cout << "seed " << seed << "\n";
+  std::mt19937 rng(seed);
+  // An SDK function over all 144 bits shows that the table itself cuts the key to its tread.
+  struct Case {
+    bool v6;
+    U8 tread, sdkTread;
+  };
+  for (const Case& c : {Case{false, 24, 24}, Case{false, 24, 144}, Case{false, 48, 48}, Case{false, 12, 144},
+                        Case{true, 60, 60}, Case{true, 60, 144}, Case{true, 144, 144}}) {
+    SCOPED_TRACE(testing::Message() << (c.v6 ? "v6" : "v4") << " tread " << +c.tread << " sdk " << +c.sdkTread);
+    Ptr<XpPrefixTableConfig> tcfg = xpPrefixTableConfigFactory(PrefixTableId(1), prefixTableWide256b, 4096, c.tread);
+    tcfg->xdkHashFunctionIs(new XpXdk::crcHashFunction(144, 32, 0x11021, 1, c.sdkTread));
+    // Full-length random keys: `twin` keeps the first tread key bits and redraws the rest, `other` flips one
+    // of the first tread bits.
+    const unsigned keyBits = c.v6 ? 144 : 48;
+    auto make = [&](const std::array<U8, 18>& key) -> Ptr<LpmPrefix> {
+      const U32 vrf = (U32(key[0]) << 8) | key[1];
+      const U32 address = (U32(key[2]) << 24) | (key[3] << 16) | (key[4] << 8) | key[5];
+      if (!c.v6) return lpmPrefixV4Factory({vrf, Prefix(address, 32)});
+      Ip6Prefix::Bytes a;
+      std::copy(key.begin() + 2, key.end(), a.begin());
+      return lpmPrefixV6Factory({vrf, Ip6Prefix(a, 128)});
+    };
+    auto flipBit = [](std::array<U8, 18>& key, unsigned bit) { key[bit / 8] ^= static_cast<U8>(0x80 >> (bit % 8)); };
+    int changed = 0;
+    const int rounds = 300;
+    for (int round = 0; round < rounds; ++round) {
+      std::array<U8, 18> key{};
+      for (unsigned i = 0; i < keyBits / 8; ++i) key[i] = static_cast<U8>(rng());
+      std::array<U8, 18> twin = key, other = key;
+      for (unsigned bit = c.tread; bit < keyBits; ++bit)
+        if (rng() & 1) flipBit(twin, bit);
+      flipBit(other, std::uniform_int_distribution<unsigned>(0, c.tread - 1)(rng));
+      Ptr<LpmPrefix> p = make(key);
+      const U32 h = tcfg->hashFunc(p);
+      ASSERT_EQ(h, sdkHash(*tcfg, *p));
+      ASSERT_EQ(tcfg->hashFunc(make(twin)), h) << p->stringValue() << " vs " << make(twin)->stringValue();
+      changed += tcfg->hashFunc(make(other)) != h;
+    }
+    EXPECT_GE(changed, rounds * 98 / 100);
+    tcfg->doCleanup();
+    EXPECT_EQ(tcfg->xdkHashFunction(), nullptr);
+  }
+}
+
+TEST(XpPrefixTableConfigDeathTest, HashWithoutSdkFunctionIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Ptr<XpPrefixTableConfig> tcfg = xpPrefixTableConfigFactory(PrefixTableId(1), prefixTableWide256b, 4096, 24);
+  Ptr<LpmPrefix> p = lpmPrefixV4Factory(v4Key(1, "10.0.0.0/8"));
+  EXPECT_DEATH(tcfg->hashFunc(p), "xdkHashFunction\\(\\)");
+}
+
+}  // namespace
+}  // namespace XpLpm
+}  // namespace XpLib

@@ -1,0 +1,260 @@
+// Tests of the LPM Status entity and its records: the pending-command index rule, notifications,
+// command copies, and the NHI sharing key's hash, order and text forms.
+#include "XpLpm/Status.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+#include <iostream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "XpLpm/NhiInfo.h"
+
+namespace XpLib {
+namespace XpLpm {
+namespace {
+
+struct StatusRecorder : Status::Notifiee {
+  std::vector<U32> cmds;
+  int metadata = 0;
+  std::vector<std::string> prefixes;
+  bool leaveOnNextCmd = false;
+  void onPendingCmd(U32 index) override {
+    cmds.push_back(index);
+    if (leaveOnNextCmd) notifierIs(nullptr);
+  }
+  void onPendingCmdMetadata() override { ++metadata; }
+  void onPrefixToNextHopBlock(const Ptr<LpmPrefix>& p) override { prefixes.push_back(p->stringValue()); }
+};
+
+Ptr<CommandBase> someCommand(U32 n) { return nhiCommandFactory(NhiTableIdx(U8(0), static_cast<U16>(n)), {}); }
+
+// Observed: a drained queue does not give its last index again; the next command gets a new one.
+TEST(StatusPendingCmdTest, IndexesOnlyGrow) {
+  Ptr<Status> s = statusFactory("lpm");
+  StatusRecorder rec;
+  rec.notifierIs(s);
+  s->pendingCmdMetadataIs(QueueMetadata{7, 7});  // an empty queue whose counter stands at 7
+  s->pendingCmdMetadataIs(QueueMetadata{7, 7});
+  EXPECT_EQ(rec.metadata, 1);
+  EXPECT_EQ(s->pendingCmdEnq(someCommand(0)), 7u);
+  EXPECT_EQ(s->pendingCmdEnq(someCommand(1)), 8u);
+  while (s->pendingCmds() > 0) s->pendingCmdDeq();
+  EXPECT_EQ(s->pendingCmdEnq(someCommand(2)), 9u);
+  s->pendingCmdDelAll();
+  EXPECT_EQ(s->pendingCmdEnq(someCommand(3)), 10u);
+  QueueMetadata low = s->pendingCmdMetadata();
+  low.tail = 2;  // a counter below the newest queued index does not pull indexes back
+  s->pendingCmdMetadataIs(low);
+  EXPECT_EQ(s->pendingCmdEnq(someCommand(4)), 11u);
+  EXPECT_EQ(s->pendingCmd(11)->cmdType(), commandTypeNhi);
+  // Appends and removals are both announced, by index.
+  EXPECT_EQ(rec.cmds, (std::vector<U32>{7, 8, 7, 8, 9, 9, 10, 11}));
+}
+
+// Random producer and consumer traffic against a model of the rule: a new command gets the larger of the
+// stored counter and one above the newest queued index, and the counter moves one past it.
+TEST(StatusPendingCmdTest, RandomTrafficFollowsTheIndexRule) {
+  const unsigned seed = 1403;
+  std::cout << "seed " << seed << "\n";
+  std::mt19937 rng(seed);
+  Ptr<Status> s = statusFactory("lpm");
+  std::deque<std::pair<U32, Ptr<CommandBase>>> model;
+  U32 counter = 0;
+  for (int step = 0; step < 5000; ++step) {
+    const int op = std::uniform_int_distribution<int>(0, 99)(rng);
+    if (op < 50) {
+      Ptr<CommandBase> cmd = someCommand(step);
+      const U32 expected = model.empty() ? counter : std::max(counter, model.back().first + 1);
+      ASSERT_EQ(s->pendingCmdEnq(cmd), expected) << "step " << step;
+      model.emplace_back(expected, cmd);
+      counter = expected + 1;
+    } else if (op < 85) {
+      if (model.empty()) continue;
+      s->pendingCmdDeq();
+      model.pop_front();
+    } else if (op < 97) {
+      if (model.empty()) continue;
+      auto victim = model.begin() + std::uniform_int_distribution<size_t>(0, model.size() - 1)(rng);
+      s->pendingCmdDel(victim->first);
+      model.erase(victim);
+    } else if (op < 98) {
+      s->pendingCmdDelAll();
+      model.clear();
+    } else {
+      QueueMetadata md = s->pendingCmdMetadata();
+      md.tail = counter = std::uniform_int_distribution<U32>(counter > 5 ? counter - 5 : 0, counter + 5)(rng);
+      s->pendingCmdMetadataIs(md);
+    }
+    ASSERT_EQ(s->pendingCmds(), model.size());
+    ASSERT_TRUE(std::equal(model.begin(), model.end(), s->pendingCmdQueue().begin(), s->pendingCmdQueue().end()))
+        << "step " << step;
+    if (!model.empty()) {
+      ASSERT_EQ(s->pendingCmd(model.back().first), model.back().second);
+    }
+  }
+}
+
+TEST(StatusNotificationTest, InactiveOrLeavingNotifiees) {
+  Ptr<Status> s = statusFactory("lpm");
+  StatusRecorder quiet, leaving, staying;
+  quiet.notifierIs(s);
+  leaving.notifierIs(s);
+  staying.notifierIs(s);
+  quiet.isNotificationActiveIs(false);
+  leaving.leaveOnNextCmd = true;
+  s->pendingCmdEnq(someCommand(0));
+  s->pendingCmdEnq(someCommand(1));
+  Ptr<LpmPrefix> p = lpmPrefixV4Factory({1, *Prefix::parse("10.0.0.0/8")});
+  EXPECT_TRUE(quiet.cmds.empty());
+  EXPECT_EQ(leaving.cmds, std::vector<U32>{0});
+  EXPECT_EQ(staying.cmds, (std::vector<U32>{0, 1}));
+
+  // Installed-prefix blocks: announced on each real change, found by value.
+  Ptr<LpmPrefix> sameKey = lpmPrefixV4Factory({1, *Prefix::parse("10.0.0.0/8")});
+  s->prefixToNextHopBlockIs(p, NextHopBlock(5, 2));
+  s->prefixToNextHopBlockIs(sameKey, NextHopBlock(5, 2));
+  EXPECT_EQ(s->prefixToNextHopBlock(sameKey), NextHopBlock(5, 2));
+  s->prefixToNextHopBlockIs(sameKey, NextHopBlock(6, 2));
+  s->prefixToNextHopBlockDel(sameKey);
+  s->prefixToNextHopBlockDel(p);
+  EXPECT_EQ(staying.prefixes, std::vector<std::string>(3, "vrf 1 prefix 10.0.0.0/8"));
+  EXPECT_EQ(s->prefixToNextHopBlock(p), NextHopBlock());
+  EXPECT_TRUE(quiet.prefixes.empty());
+}
+
+TEST(CommandTest, CommandsHoldEqualCopies) {
+  LpmPrefixList list;
+  list.newPrefix(0, lpmPrefixV4Factory({1, *Prefix::parse("10.0.0.0/8")}));
+  list.newPrefix(2, lpmPrefixV4Factory({1, *Prefix::parse("10.1.0.0/16")}));
+  const SubTrieBranch branch(0x0001'0A00, 0, 0, 0, 0);
+  Ptr<PrefixCommand> pc = prefixCommandFactory(PrefixTableId(3), PrefixTableIdx(77), branch, 24, 4, modeBitmap, list,
+                                               NhiTableIdx(U8(1), 9));
+  EXPECT_EQ(pc->cmdType(), commandTypePrefix);
+  EXPECT_EQ(pc->prefixList(), list);
+  EXPECT_EQ(pc->prefixList().prefix(2)->stringValue(), "vrf 1 prefix 10.1.0.0/16");
+  EXPECT_EQ(pc->branch(), branch);
+  EXPECT_EQ(pc->index(), PrefixTableIdx(77));
+  list.prefixDel(2);
+  EXPECT_NE(pc->prefixList(), list) << "the command keeps its own copy";
+
+  // A source list with a consumed head and gaps between its indexes.
+  NextHopBlockList blocks;
+  blocks.newNextHopBlock(3, NextHopBlock(100, 4));
+  blocks.newNextHopBlock(5, NextHopBlock(200, 1));
+  blocks.newNextHopBlock(9, NextHopBlock(300, 8));
+  blocks.nextHopBlockDeq();
+  Ptr<NhiCommand> nc = nhiCommandFactory(NhiTableIdx(U8(2), 40), blocks);
+  EXPECT_EQ(nc->cmdType(), commandTypeNhi);
+  EXPECT_EQ(nc->nextHopBlockList(), blocks);
+  EXPECT_EQ(nc->nextHopBlockList().nextHopBlock(9), NextHopBlock(300, 8));
+  EXPECT_EQ(nc->index(), NhiTableIdx(U8(2), 40));
+}
+
+U32 oneAtATime(const std::vector<U8>& bytes) {
+  U32 h = 0;
+  for (U8 b : bytes) {
+    h += b;
+    h += h << 10;
+    h ^= h >> 6;
+  }
+  h += h << 3;
+  h ^= h >> 11;
+  h += h << 15;
+  return h;
+}
+
+void pushLittleEndian(std::vector<U8>& bytes, U32 v, int n) {
+  for (int i = 0; i < n; ++i) bytes.push_back(static_cast<U8>(v >> (8 * i)));
+}
+
+// Slot byte, then the block's own hash (base 4 bytes, size 2 bytes) least significant byte first.
+U32 referenceKeyHash(const std::vector<std::pair<U8, NextHopBlock>>& sortedEntries) {
+  std::vector<U8> bytes;
+  for (const auto& [slot, block] : sortedEntries) {
+    std::vector<U8> blockBytes;
+    pushLittleEndian(blockBytes, block.base().value(), 4);
+    pushLittleEndian(blockBytes, block.size().value(), 2);
+    bytes.push_back(slot);
+    pushLittleEndian(bytes, oneAtATime(blockBytes), 4);
+  }
+  return oneAtATime(bytes);
+}
+
+TEST(NhiInfoKeyTest, HashAndTextMatchTheByteStream) {
+  NhiInfoKey empty;
+  EXPECT_EQ(empty.hash(), 0u);
+  EXPECT_EQ(empty.str(), "0x0,0");
+  const unsigned seed = 1401;
+  std::cout << "seed " << seed << "\n";
+  std::mt19937 rng(seed);
+  for (int round = 0; round < 300; ++round) {
+    std::vector<std::pair<U8, NextHopBlock>> entries;
+    for (int n = std::uniform_int_distribution<int>(1, 40)(rng); n > 0; --n) {
+      U8 slot = static_cast<U8>(rng());
+      if (std::any_of(entries.begin(), entries.end(), [&](const auto& e) { return e.first == slot; })) continue;
+      entries.emplace_back(slot, NextHopBlock(static_cast<U32>(rng()), static_cast<U16>(rng())));
+    }
+    NhiInfoKey key;
+    for (const auto& [slot, block] : entries) key.newSlotToNextHopBlock(slot, block);  // any order
+    std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    const U32 expected = referenceKeyHash(entries);
+    ASSERT_EQ(key.hash(), expected);
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%x,%zu", expected, entries.size());
+    ASSERT_EQ(key.str(), text);
+
+    // The same slots with one block changed: unequal, and the hash moves.
+    NhiInfoKey changed = key;
+    const auto& [slot, block] = entries[std::uniform_int_distribution<size_t>(0, entries.size() - 1)(rng)];
+    changed.slotToNextHopBlockIs(slot, NextHopBlock(block.base().value() + 1, block.size().value()));
+    ASSERT_NE(changed, key);
+    ASSERT_NE(changed.hash(), key.hash());
+  }
+}
+
+TEST(NhiInfoKeyTest, OrderIsStrictAndAgreesWithEquality) {
+  const unsigned seed = 1402;
+  std::cout << "seed " << seed << "\n";
+  std::mt19937 rng(seed);
+  // Few slots and blocks, so that equal and nearly equal keys are common.
+  auto randomKey = [&] {
+    NhiInfoKey k;
+    for (int n = std::uniform_int_distribution<int>(0, 3)(rng); n > 0; --n)
+      k.newSlotToNextHopBlock(static_cast<U8>(rng() % 3), NextHopBlock(rng() % 2, static_cast<U16>(rng() % 2)));
+    return k;
+  };
+  std::vector<NhiInfoKey> keys;
+  for (int i = 0; i < 60; ++i) keys.push_back(randomKey());
+  for (const NhiInfoKey& a : keys) {
+    ASSERT_FALSE(a < a);
+    for (const NhiInfoKey& b : keys) {
+      ASSERT_EQ(a == b, !(a < b) && !(b < a)) << a << " " << b;
+      ASSERT_FALSE(a < b && b < a);
+      for (const NhiInfoKey& c : keys) {
+        if (a < b && b < c) {
+          ASSERT_TRUE(a < c);
+        }
+      }
+    }
+  }
+}
+
+TEST(NhiInfoTest, TextFormAndCount) {
+  NhiInfoKey key;
+  key.newSlotToNextHopBlock(0, NextHopBlock(10, 2));
+  key.newSlotToNextHopBlock(1, NextHopBlock(20, 2));
+  Ptr<NhiInfo> info = nhiInfoFactory(key);
+  info->nhiBaseIdxIs(NhiTableIdx(U8(3), 120));
+  info->subTrieCountInc(3);
+  info->subTrieCountDec(1);
+  EXPECT_EQ(info->str(), key.str() + "/3,120/2");
+}
+
+}  // namespace
+}  // namespace XpLpm
+}  // namespace XpLib

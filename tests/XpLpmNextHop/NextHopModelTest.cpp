@@ -1,0 +1,212 @@
+// Tests of the next-hop model: identifiers and blocks (defaults, parse, hash, text), block lists,
+// and the Config and Status entities (lookups, notifications, the shuffle queue's index rule).
+#include "XpLpmNextHop/XpLpmNextHop.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <iostream>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace XpLib {
+namespace XpLpmNextHop {
+namespace {
+
+U32 referenceBlockHash(U32 base, U16 size) {
+  const U8 bytes[6] = {U8(base), U8(base >> 8), U8(base >> 16), U8(base >> 24), U8(size), U8(size >> 8)};
+  U32 h = 0;
+  for (U8 b : bytes) {
+    h += b;
+    h += h << 10;
+    h ^= h >> 6;
+  }
+  h += h << 3;
+  h ^= h >> 11;
+  h += h << 15;
+  return h;
+}
+
+TEST(NextHopValueTest, DefaultsMeanNone) {
+  EXPECT_EQ(SwId().value(), 0xFFFFFFFFFFFFFFFFull);
+  EXPECT_EQ(Nway().value(), 65535);
+  EXPECT_EQ(NextHopTableIdx().value(), 0xFFFFFFFFu);
+  EXPECT_EQ(NextHopBlock(), NextHopBlock(0xFFFFFFFFu, U16(0xFFFF)));
+  EXPECT_EQ(NextHopBlock().str(),
+            "Value('XpLib::XpLpmNextHop::NextHopBlock', ** {'base': 4294967295, 'size': 65535})");
+  EXPECT_EQ(NextHopBlock(10, 4).str(), "Value('XpLib::XpLpmNextHop::NextHopBlock', ** {'base': 10, 'size': 4})");
+  EXPECT_EQ(SwId(42).str(), "42");
+}
+
+TEST(NextHopValueTest, ParseChecksTheWidth) {
+  // Accepted as SwId, Nway, NextHopTableIdx.
+  const std::tuple<const char*, bool, bool, bool> cases[] = {
+      {"65535", true, true, true},           {"65536", true, false, true},
+      {"4294967295", true, false, true},     {"4294967296", true, false, false},
+      {"18446744073709551615", true, false, false}, {"18446744073709551616", false, false, false},
+      {"", false, false, false},             {"-1", false, false, false},
+      {"12a", false, false, false},
+  };
+  for (const auto& [text, swId, nway, tableIdx] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(SwId::parse(text).has_value(), swId);
+    EXPECT_EQ(Nway::parse(text).has_value(), nway);
+    EXPECT_EQ(NextHopTableIdx::parse(text).has_value(), tableIdx);
+  }
+  EXPECT_EQ(Nway::parse("65535")->str(), "65535");
+}
+
+TEST(NextHopValueTest, BlockHashIsOneAtATimeOverBaseThenSize) {
+  const unsigned seed = 1501;
+  std::cout << "seed " << seed << "\n";
+  std::mt19937 rng(seed);
+  for (int round = 0; round < 2000; ++round) {
+    const U32 base = static_cast<U32>(rng());
+    const U16 size = static_cast<U16>(rng());
+    ASSERT_EQ(NextHopBlock(base, size).hash(), referenceBlockHash(base, size)) << base << " " << size;
+  }
+  EXPECT_EQ(NextHopBlock().hash(), referenceBlockHash(0xFFFFFFFF, 0xFFFF));
+  EXPECT_NE(NextHopBlock(5, 1), NextHopBlock(5, 2));
+  EXPECT_NE(NextHopBlock(5, 1).hash(), NextHopBlock(5, 2).hash());
+}
+
+TEST(NextHopBlockListTest, EqualityNeedsSameEntriesAndMetadata) {
+  NextHopBlockList a, b;
+  a.newNextHopBlock(0, NextHopBlock(1, 1));
+  a.newNextHopBlock(1, NextHopBlock(2, 1));
+  b.nextHopBlockEnq(NextHopBlock(1, 1));
+  b.nextHopBlockEnq(NextHopBlock(2, 1));
+  EXPECT_EQ(a, b);
+  NextHopBlockList c = a;
+  c.newNextHopBlock(2, NextHopBlock(3, 1));
+  c.nextHopBlockDel(2);
+  EXPECT_NE(a, c) << "same entries, different tail";
+  NextHopBlockList d;
+  d.newNextHopBlock(0, NextHopBlock(1, 1));
+  d.newNextHopBlock(1, NextHopBlock(2, 2));
+  EXPECT_NE(a, d);
+  EXPECT_EQ(d.nextHopBlock(7), NextHopBlock());
+}
+
+struct ConfigRecorder : Config::Notifiee {
+  std::vector<U64> requests;
+  int tableSizes = 0;
+  void onRequest(SwId swId) override { requests.push_back(swId.value()); }
+  void onTableSize() override { ++tableSizes; }
+};
+
+TEST(NextHopConfigTest, RequestsAndTheirAnnouncements) {
+  Ptr<Config> cfg = configFactory("nh");
+  ConfigRecorder rec, quiet;
+  rec.notifierIs(cfg);
+  quiet.notifierIs(cfg);
+  quiet.isNotificationActiveIs(false);
+  EXPECT_EQ(cfg->request(SwId(9)), Nway());
+  EXPECT_EQ(cfg->request(SwId(9)).value(), 65535);
+  cfg->tableSizeIs(0);
+  cfg->tableSizeIs(4096);
+  cfg->tableSizeIs(4096);
+  cfg->requestIs(SwId(9), Nway(4));
+  cfg->newRequest(SwId(9), Nway(4));
+  cfg->requestIs(SwId(9), Nway(8));
+  cfg->requestIs(SwId(10), Nway(2));
+  cfg->requestDel(SwId(9));
+  cfg->requestDel(SwId(9));
+  EXPECT_EQ(rec.tableSizes, 1);
+  EXPECT_EQ(rec.requests, (std::vector<U64>{9, 9, 10, 9}));
+  cfg->requestDelAll();
+  EXPECT_EQ(rec.requests.back(), 10u);
+  EXPECT_EQ(cfg->requests(), 0u);
+  EXPECT_TRUE(quiet.requests.empty());
+  EXPECT_EQ(quiet.tableSizes, 0);
+}
+
+struct StatusRecorder : Status::Notifiee {
+  std::vector<U64> blocks;
+  std::vector<U32> shuffles;
+  bool leaveOnShuffle = false;
+  void onSwIdToNextHopBlock(SwId swId) override { blocks.push_back(swId.value()); }
+  void onShuffleCmd(U32 index) override {
+    shuffles.push_back(index);
+    if (leaveOnShuffle) notifierIs(nullptr);
+  }
+};
+
+TEST(NextHopStatusTest, PlacementsAndTheirAnnouncements) {
+  Ptr<Status> s = statusFactory("nh");
+  StatusRecorder rec;
+  rec.notifierIs(s);
+  EXPECT_EQ(s->swIdToNextHopBlock(SwId(3)), NextHopBlock());
+  s->swIdToNextHopBlockIs(SwId(3), NextHopBlock(0, 4));
+  s->newSwIdToNextHopBlock(SwId(3), NextHopBlock(0, 4));
+  s->swIdToNextHopBlockIs(SwId(3), NextHopBlock(8, 4));
+  s->swIdToNextHopBlockIs(SwId(4), NextHopBlock(0, 4));
+  s->swIdToNextHopBlockDel(SwId(5));
+  s->swIdToNextHopBlockDelAll();
+  EXPECT_EQ(rec.blocks, (std::vector<U64>{3, 3, 4, 3, 4}));
+  EXPECT_EQ(s->swIdToNextHopBlocks(), 0u);
+}
+
+Ptr<ShuffleCmd> shuffleOf(U64 swId) { return shuffleCmdFactory(SwId(swId), NextHopBlock(0, 2), NextHopBlock(16, 2)); }
+
+TEST(NextHopStatusTest, ShuffleQueueReusesTheLastIndexOnceDrained) {
+  Ptr<Status> s = statusFactory("nh");
+  StatusRecorder rec, leaving;
+  rec.notifierIs(s);
+  leaving.notifierIs(s);
+  leaving.leaveOnShuffle = true;
+  // Eight commands take indexes 0..7; draining them leaves the stored last index at 7.
+  for (U32 i = 0; i < 8; ++i) EXPECT_EQ(s->shuffleCmdEnq(shuffleOf(i)), i);
+  while (s->shuffleCmds() > 0) s->shuffleCmdDeq();
+  EXPECT_EQ(s->shuffleCmdEnq(shuffleOf(100)), 7u);
+  EXPECT_EQ(s->shuffleCmdEnq(shuffleOf(101)), 8u);
+  EXPECT_EQ(s->shuffleCmd(7)->swId(), SwId(100));
+  EXPECT_EQ(rec.shuffles, (std::vector<U32>{0, 1, 2, 3, 4, 5, 6, 7, 7, 8}));
+  EXPECT_EQ(leaving.shuffles, std::vector<U32>{0});
+}
+
+// Random traffic against a model of the rule: take the stored last index, step past the tail entry when
+// the queue still holds it, and store the result.
+TEST(NextHopStatusTest, RandomShuffleTrafficFollowsTheIndexRule) {
+  const unsigned seed = 1502;
+  std::cout << "seed " << seed << "\n";
+  std::mt19937 rng(seed);
+  Ptr<Status> s = statusFactory("nh");
+  std::deque<std::pair<U32, Ptr<ShuffleCmd>>> model;
+  U32 last = 0;
+  for (int step = 0; step < 5000; ++step) {
+    const int op = std::uniform_int_distribution<int>(0, 99)(rng);
+    if (op < 50) {
+      Ptr<ShuffleCmd> cmd = shuffleOf(step);
+      const U32 expected = !model.empty() && last <= model.back().first ? model.back().first + 1 : last;
+      ASSERT_EQ(s->shuffleCmdEnq(cmd), expected) << "step " << step;
+      model.emplace_back(expected, cmd);
+      last = expected;
+    } else if (op < 85) {
+      if (model.empty()) continue;
+      s->shuffleCmdDeq();
+      model.pop_front();
+    } else if (op < 98) {
+      if (model.empty()) continue;
+      auto victim = model.begin() + std::uniform_int_distribution<size_t>(0, model.size() - 1)(rng);
+      s->shuffleCmdDel(victim->first);
+      model.erase(victim);
+    } else {
+      s->shuffleCmdDelAll();
+      model.clear();
+    }
+    ASSERT_EQ(s->shuffleCmds(), model.size());
+    ASSERT_TRUE(std::equal(model.begin(), model.end(), s->shuffleCmdQueue().begin(), s->shuffleCmdQueue().end()))
+        << "step " << step;
+    if (!model.empty()) {
+      ASSERT_EQ(s->shuffleCmd(model.front().first), model.front().second);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace XpLpmNextHop
+}  // namespace XpLib
