@@ -1,0 +1,255 @@
+// NHI blocks: sizing, allocation over the tiles with compaction, and sharing of
+// one block by every sub-trie whose next-hop contents are equal.
+#include "XpLpm/XpLpmSm.h"
+#include "platform/Assert.h"
+#include "platform/Trace.h"
+
+namespace XpLib {
+namespace XpLpm {
+
+namespace {
+// The tile the last block was handed out from, one value for the whole process.
+U8 gLastNhiTile = 255;
+}  // namespace
+
+U8 LpmSm::lastNhiTile() { return gLastNhiTile; }
+void LpmSm::lastNhiTileIs(U8 tile) { gLastNhiTile = tile; }
+
+U8 LpmSm::nhiBlockSize(U8 numPrefixes) const {
+  const U8 pairs = config_->nhiPairPerEntry();
+  return static_cast<U8>(numPrefixes / pairs + (numPrefixes % pairs ? 1 : 0));
+}
+
+bool LpmSm::isNhiBlockAvailable(U8 numPrefixes) {
+  const U8 size = nhiBlockSize(numPrefixes);
+  XP_TRACE(7, "LpmSm::isNhiBlockAvailable numPrefixes " << +numPrefixes << " allocate a block of " << +size);
+  for (const auto& [tile, allocator] : nhiAllocator_) {
+    XP_TRACE(7, "LpmSm::isNhiBlockAvailable tile " << tile << " free entries " << allocator->freeEntries());
+    if (size <= allocator->freeEntries()) return true;
+  }
+  return false;
+}
+
+// Every tile with room is visited and the block of the last one kept, filed under
+// the first tile visited. This is the established placement rule: with several
+// tiles the offset may belong to another tile's allocator.
+NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
+  const U8 size = nhiBlockSize(numPrefixes);
+  XP_TRACE(7, "LpmSm::allocateNhiBlock numPrefixes " << +numPrefixes << " allocate a block of " << +size);
+  const U32 tiles = nhiAllocator_.size();
+  XP_ASSERT_TEXT(tiles > 0, "allocatorIter");
+
+  U32 first = 0;
+  if (gLastNhiTile != 255) {
+    U32 last = tiles;
+    for (U32 i = 0; i < tiles; ++i)
+      if ((nhiAllocator_.begin() + i)->first.value() == gLastNhiTile) last = i;
+    first = last == tiles ? 0 : (last + 1) % tiles;
+  }
+  const NhiTileIdx firstTile = (nhiAllocator_.begin() + first)->first;
+
+  Ptr<Blk> held;
+  for (U32 n = 0; n < tiles; ++n) {
+    const auto& [tile, allocator] = *(nhiAllocator_.begin() + (first + n) % tiles);
+    XP_TRACE(7, "LpmSm::allocateNhiBlock trying to allocate in tile " << tile << " free entries "
+                                                                      << allocator->freeEntries());
+    if (size > allocator->freeEntries()) continue;
+    Ptr<Blk> blk = allocator->alloc(size);
+    if (!blk) {
+      XP_TRACE(7, "LpmSm::allocateNhiBlock tile needs defragmentation ");
+      Ptr<PendingCmds> defragCmds = allocator->defragment();
+      XP_ASSERT(defragCmds);
+      processNhiDefrag(tile, defragCmds);
+      blk = allocator->alloc(size);
+      XP_ASSERT(blk);
+    }
+    held = blk;
+  }
+  if (!held) {
+    XP_TRACE(7, "LpmSm::allocateNhiBlock all nhi tiles are full ");
+    numNhiOverflowInc(1);
+    return NhiTableIdx();
+  }
+  const NhiTableIdx result(firstTile, static_cast<U16>(held->base()));
+  gLastNhiTile = firstTile.value();
+  nhiBaseIdxToBlkIs(result, held);
+  XP_TRACE(7, "LpmSm::allocateNhiBlock allocated a block of " << +size << " nhiIdx " << result << " free entries "
+                                                              << nhiAllocator(firstTile)->freeEntries());
+  return result;
+}
+
+void LpmSm::reallocNhiBlock(const NhiTableIdx& baseIdx, U8 numPrefixes) {
+  XP_TRACE(7, "LpmSm::reallocNhiBlock baseIdx " << baseIdx << " numPrefixes " << +numPrefixes);
+  const U8 size = nhiBlockSize(numPrefixes);
+  Ptr<BestFitAllocator> allocator = nhiAllocator(baseIdx.tile());
+  XP_ASSERT(allocator);
+  XP_TRACE(7, "LpmSm::reallocNhiBlock reallocate a block of " << +size);
+  Ptr<Blk> blk = allocator->realloc(baseIdx.offset(), size);
+  XP_ASSERT(blk);
+  nhiBaseIdxToBlkIs(baseIdx, blk);
+}
+
+void LpmSm::releaseNhiBlock(const NhiTableIdx& baseIdx) {
+  XP_TRACE(7, "LpmSm::releaseNhiBlock baseIdx " << baseIdx);
+  Ptr<Blk> blk = nhiBaseIdxToBlk(baseIdx);
+  if (!blk) XP_FAIL("blk", " baseIdx " << baseIdx);
+  XP_TRACE(7, "LpmSm::releaseNhiBlock release a block of " << blk->blkSz() << " nhiIdx " << baseIdx);
+  nhiBaseIdxToBlkDel(baseIdx);
+}
+
+// Moves are applied strictly in log order, one at a time: the allocator ordered
+// them so that each block's new place is free or already vacated.
+void LpmSm::processNhiDefrag(NhiTileIdx tile, const Ptr<PendingCmds>& defragCmds) {
+  XP_TRACE(7, "LpmSm::processNhiDefrag tile " << tile << " pendingCmdLogs " << defragCmds->size());
+  numNhiBlockDefragInc(1);
+  while (defragCmds->size() > 0) {
+    PendingCmds::Entry move = defragCmds->pendingCmdLogDeq();
+    const NhiTableIdx oldIdx(tile, static_cast<U16>(move.oldBase));
+    const NhiTableIdx newIdx(tile, static_cast<U16>(move.blk->base()));
+    Ptr<SubTrieSet> subTrieSetOld = nhiBaseIdxToSubTrie(oldIdx);
+    if (!subTrieSetOld) XP_FAIL("subTrieSetOld", " oldNhiIdx " << oldIdx);
+    Ptr<SubTrieSet>& subTrieSetNew = nhiBaseIdxToSubTrie_[newIdx];
+    if (!subTrieSetNew) subTrieSetNew = subTrieSetFactory();
+    Ptr<SubTrieSet> newSet = subTrieSetNew;  // the map may move entries while we work
+
+    while (subTrieSetOld->subTries() > 0) {
+      Ptr<SubTrie> subTrie = subTrieSetOld->begin()->first;
+      XP_TRACE(7, "LpmSm::processNhiDefrag subTrie at table " << *subTrie);
+      const NhiInfoKey& nhiInfoKey = subTrie->nhiInfoKey();
+      XP_ASSERT_V(nhiInfoKey != NhiInfoKey(), " subtrie " << *subTrie << " nhiidx old " << oldIdx << " new " << newIdx);
+      Ptr<NhiInfo> nhiInfo = sharedNhiIs(nhiInfoKey);
+      XP_ASSERT_V(nhiInfo, " subtrie " << *subTrie << " nhiidx old " << oldIdx << " new " << newIdx);
+      subTrie->nhiBaseIdxIs(newIdx);
+      nhiBaseIdxToBlkIs(newIdx, move.blk);
+      nhiInfo->nhiBaseIdxIs(newIdx);
+      nhiBaseIdxToBlkDel(oldIdx);
+      newSet->subTrieIs(subTrie);
+      subTrieSetOld->subTrieDel(subTrie);
+      generateSubTrieWriteCmds(subTrie, true, true);
+    }
+    nhiBaseIdxToSubTrie_.erase(oldIdx);
+  }
+}
+
+Ptr<NhiInfo> LpmSm::sharedNhiIs(const NhiInfoKey& key) {
+  Ptr<NhiInfo>& record = sharedNhi_[key];
+  if (!record) record = nhiInfoFactory(key);
+  return record;
+}
+
+NhiInfoKey LpmSm::generateNhiInfoKey(const Ptr<SubTrie>& subTrie) const {
+  XP_TRACE(7, "LpmSm::generateNhiInfoKey subtrie " << *subTrie);
+  NhiInfoKey key;
+  const auto& slots = subTrie->slots();
+  for (std::size_t s = 0; s < slots.size(); ++s)
+    if (slots[s]) key.newSlotToNextHopBlock(static_cast<U8>(s), requestedBlock(slots[s]));
+  XP_TRACE(7, "LpmSm::generateNhiInfoKey nhiInfoKey " << key);
+  return key;
+}
+
+NhiTableIdx LpmSm::nhiBaseIdxFromNhiInfoKey(const Ptr<SubTrie>& subTrie, const NhiInfoKey& key) const {
+  XP_TRACE(7, "LpmSm::nhiBaseIdxFromNhiInfoKey subtrie " << *subTrie << " subtrieNhiInfoKey " << key);
+  if (const Ptr<NhiInfo>* nhiInfo = sharedNhi_.find(key)) {
+    XP_TRACE(7, "LpmSm::nhiBaseIdxFromNhiInfoKey nhiInfo available " << (*nhiInfo)->str());
+    return (*nhiInfo)->nhiBaseIdx();
+  }
+  return NhiTableIdx();
+}
+
+Ptr<NhiInfo> LpmSm::allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKey& key, const NhiTableIdx& nhiBaseIdx) {
+  XP_TRACE(7, "LpmSm::allocateNhiInfo subtrie " << *subTrie << " subtrieNhiInfoKey " << key << " nhiBaseIdx "
+                                                << nhiBaseIdx);
+  XP_ASSERT_V(nhiBaseIdx != NhiTableIdx(), " subtrie " << *subTrie);
+  XP_ASSERT_V(subTrie->prefixs(), " subtrie " << *subTrie);
+  Ptr<NhiInfo> nhiInfo = sharedNhi(key);
+  if (nhiInfo) {
+    XP_TRACE(7, "LpmSm::allocateNhiInfo nhiInfo found " << nhiInfo->str());
+    XP_ASSERT_V(nhiBaseIdx == nhiInfo->nhiBaseIdx(), " subtrie " << *subTrie << " nhiInfo " << nhiInfo->str());
+    const NhiInfoKey& nhiInfoKey = key;
+    XP_ASSERT_V(nhiInfo->nhiInfoKey() == nhiInfoKey, " subtrie " << *subTrie << " nhinfoKey " << key);
+  } else {
+    nhiInfo = sharedNhiIs(key);
+    nhiInfo->nhiBaseIdxIs(nhiBaseIdx);
+    nhiInfo->subTrieCountIs(0);
+    XP_TRACE(7, "LpmSm::allocateNhiInfo nhiInfo created " << nhiInfo->str());
+  }
+  Ptr<SubTrieSet>& set = nhiBaseIdxToSubTrie_[nhiBaseIdx];
+  if (!set) set = subTrieSetFactory();
+  set->subTrieIs(subTrie);
+  nhiInfo->subTrieCountInc(1);
+  subTrie->nhiBaseIdxIs(nhiBaseIdx);
+  subTrie->nhiInfoKeyIs(key);
+  return nhiInfo;
+}
+
+void LpmSm::releaseNhiInfo(const Ptr<SubTrie>& subTrie) {
+  XP_TRACE(7, "LpmSm::releaseNhiInfo subtrie " << *subTrie);
+  const NhiInfoKey nhiInfoKey = subTrie->nhiInfoKey();
+  if (nhiInfoKey == NhiInfoKey()) {
+    XP_TRACE(7, "LpmSm::releaseNhiInfo nhiInfoKey not present ");
+    return;
+  }
+  XP_ASSERT_TEXT_V(sharedNhi_.contains(nhiInfoKey), "sharedNhiIterator().isMemberOf( nhiInfoKey )",
+                   " subtrie " << *subTrie);
+  Ptr<NhiInfo> nhiInfo = sharedNhi(nhiInfoKey);
+  XP_ASSERT_V(nhiInfo, " subtrie " << *subTrie);
+  const NhiTableIdx nhiBaseIdx = nhiInfo->nhiBaseIdx();
+  XP_ASSERT_TEXT_V(nhiBaseIdxToSubTrie_.contains(nhiBaseIdx), "nhiBaseIdxToSubTrieIterator().isMemberOf( nhiBaseIdx )",
+                   " subtrie " << *subTrie);
+  XP_ASSERT_V(subTrie->nhiBaseIdx() == nhiInfo->nhiBaseIdx(), " subtrie " << *subTrie << " nhiInfo " << nhiInfo->str());
+  Ptr<SubTrieSet> subTrieSet = nhiBaseIdxToSubTrie(nhiBaseIdx);
+  XP_ASSERT_V(subTrieSet, " subtrie " << *subTrie);
+  XP_ASSERT_TEXT_V(subTrieSet->subTrie(subTrie), "subTrieSet->subTrieIterator().isMemberOf( subTrie )",
+                   " subtrie " << *subTrie);
+
+  subTrieSet->subTrieDel(subTrie);
+  if (subTrieSet->subTries() == 0) nhiBaseIdxToSubTrie_.erase(nhiBaseIdx);
+  nhiInfo->subTrieCountDec(1);
+  if (nhiInfo->subTrieCount() > 0) {
+    XP_TRACE(7, "LpmSm::releaseNhiInfo not releasing nhiInfo " << nhiInfo->str());
+    return;
+  }
+  releaseNhiBlock(nhiBaseIdx);
+  sharedNhiDel(nhiInfoKey);
+}
+
+bool LpmSm::updateNhiInfoForSubTrie(const Ptr<SubTrie>& subTrie) {
+  XP_TRACE(7, "LpmSm:: updateNhiInfoForSubTrie subTrie " << *subTrie);
+  const NhiInfoKey key = generateNhiInfoKey(subTrie);
+  XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie new subTrieNhiInfoKey " << key);
+  if (key == subTrie->nhiInfoKey()) {
+    XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie nothing changed in subtrie ");
+    return true;
+  }
+  NhiTableIdx nhiBaseIdx = nhiBaseIdxFromNhiInfoKey(subTrie, key);
+  if (nhiBaseIdx != NhiTableIdx()) {
+    XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie nhiinfo available ");
+    releaseNhiInfo(subTrie);
+    if (subTrie->prefixs()) {
+      if (!allocateNhiInfo(subTrie, key, nhiBaseIdx))
+        XP_FAIL("allocateNhiInfo( subTrie, subTrieNhiInfoKey, nhiBaseIdx ) != NULL", " subTrie " << *subTrie);
+    } else {
+      XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie subtrie is empty ");
+    }
+    return true;
+  }
+  if (subTrie->prefixs()) {
+    XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie allocating a new nhiInfo ");
+    // Allocated while the old block is still held: the tile needs room for both.
+    nhiBaseIdx = allocateNhiBlock(subTrie->maxPrefixSlot());
+    if (nhiBaseIdx == NhiTableIdx()) {
+      XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie nhi block not available ");
+      return false;
+    }
+    XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie allocated nhiBaseIdx " << nhiBaseIdx);
+    releaseNhiInfo(subTrie);
+    if (!allocateNhiInfo(subTrie, key, nhiBaseIdx)) XP_FAIL("nhiInfo", " subtrie " << *subTrie << " nhiBaseIdx " << nhiBaseIdx);
+    return true;
+  }
+  releaseNhiInfo(subTrie);
+  XP_TRACE(7, "LpmSm::updateNhiInfoForSubTrie subtrie is empty ");
+  return true;
+}
+
+}  // namespace XpLpm
+}  // namespace XpLib

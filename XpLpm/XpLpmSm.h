@@ -1,0 +1,194 @@
+// LpmSm: the state machine that owns the software image of one LPM instance.
+//
+// It reacts to changes of its configuration's `request` collection, places each
+// route in a sub-trie of a hash-indexed prefix table, gives sub-tries blocks of
+// NHI entries (shared between sub-tries of equal next-hop contents), and queues
+// the hardware writes on its Status, in the order they must reach the chip.
+// Single-threaded: every call comes from the agent's one event thread.
+//
+// The operations are split over several files by concern: LpmSm.cpp (lifecycle,
+// requests), LpmSmInsert.cpp, LpmSmShuffle.cpp, LpmSmNhi.cpp (allocation and
+// sharing), LpmSmCommands.cpp, LpmSmDiag.cpp (diagnostics and verification).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "XpLpm/Config.h"
+#include "XpLpm/NhiInfo.h"
+#include "XpLpm/PrefixTable.h"
+#include "XpLpm/RestartHelperBase.h"
+#include "XpLpm/Status.h"
+#include "XpLpm/SubTrie.h"
+#include "platform/BestFitAllocator.h"
+#include "platform/HashMap.h"
+
+namespace XpLib {
+namespace XpLpm {
+
+struct NhiInfoKeyHash {
+  U32 operator()(const NhiInfoKey& k) const { return k.hash(); }
+};
+
+class LpmSm : public PtrInterface {
+ public:
+  // Delivers request changes of the configuration to the machine.
+  class ConfigReactor : public ConfigBase::Notifiee {
+   public:
+    explicit ConfigReactor(LpmSm* owner) : owner_(owner) {}
+    void onRequest(const Ptr<LpmPrefix>& prefix) override;
+
+   private:
+    LpmSm* owner_;
+  };
+
+  // Constructing the machine starts it (handleInitialized); requests that arrive
+  // while it starts are dropped and picked up by the replay at its end.
+  LpmSm(const Name& name, const Ptr<ConfigBase>& config, const Ptr<Status>& status,
+        const Ptr<RestartHelperBase>& restartHelper);
+  ~LpmSm() override;
+
+  const Name& name() const { return name_; }
+  const Ptr<ConfigBase>& config() const { return config_; }
+  void configIs(const Ptr<ConfigBase>& config);
+  void configDel() { configIs(nullptr); }
+  const Ptr<Status>& status() const { return status_; }
+  const Ptr<RestartHelperBase>& restartHelper() const { return restartHelper_; }
+  bool hasNotificationActive() const { return reactor_ && reactor_->isNotificationActive(); }
+  void hasNotificationActiveIs(bool active);
+
+  // --- lifecycle and requests
+  void handleInitialized();
+  void handleRequest(const Ptr<LpmPrefix>& prefix);
+  void updatePrefix(const Ptr<LpmPrefix>& prefix);
+  void deletePrefix(const Ptr<LpmPrefix>& prefix);
+  // The next-hop block a prefix is requested with: its `request` value, or the default block.
+  NextHopBlock requestedBlock(const Ptr<LpmPrefix>& prefix) const { return config_->request(prefix); }
+
+  // --- insertion
+  void insertPrefix(const Ptr<LpmPrefix>& prefix);
+  RouteReturnCode insertPrefixInternal(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& table);
+  RouteReturnCode insertPrefixToTable(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& table);
+  RouteReturnCode createSubTrieWithPrefix(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& table);
+  RouteReturnCode insertPrefixToSubTrie(const Ptr<LpmPrefix>& prefix, const Ptr<SubTrie>& subTrie);
+  RouteReturnCode moveSubTrie(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& srcPrefixTable);
+
+  // --- NHI blocks
+  U8 nhiBlockSize(U8 numPrefixes) const;
+  bool isNhiBlockAvailable(U8 numPrefixes);
+  NhiTableIdx allocateNhiBlock(U8 numPrefixes);
+  void reallocNhiBlock(const NhiTableIdx& baseIdx, U8 numPrefixes);
+  void releaseNhiBlock(const NhiTableIdx& baseIdx);
+  void processNhiDefrag(NhiTileIdx tile, const Ptr<PendingCmds>& defragCmds);
+  // The tile the last NHI block was handed out from, shared by every instance; 255 before the first.
+  static U8 lastNhiTile();
+  static void lastNhiTileIs(U8 tile);
+
+  // --- NHI sharing
+  NhiInfoKey generateNhiInfoKey(const Ptr<SubTrie>& subTrie) const;
+  NhiTableIdx nhiBaseIdxFromNhiInfoKey(const Ptr<SubTrie>& subTrie, const NhiInfoKey& key) const;
+  Ptr<NhiInfo> allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKey& key, const NhiTableIdx& nhiBaseIdx);
+  void releaseNhiInfo(const Ptr<SubTrie>& subTrie);
+  bool updateNhiInfoForSubTrie(const Ptr<SubTrie>& subTrie);
+
+  // --- write commands
+  void generateSubTrieWriteCmds(const Ptr<SubTrie>& subTrie, bool generatePrefixCmds, bool generateNhiCmds);
+  void generateNhiWriteCmds(const Ptr<SubTrie>& subTrie);
+  void generatePrefixTableWriteCmds(const Ptr<SubTrie>& subTrie);
+  void generatePrefixTableIdxDeleteWriteCmd(const Ptr<PrefixTable>& prefixTable, PrefixTableIdx idx,
+                                            const Ptr<SubTrie>& subTrie);
+
+  // --- diagnostics and self-check
+  void verifyLpmRoute(const Ptr<LpmPrefix>& prefix) const;
+  void dumpPrefixTable(const Ptr<PrefixTable>& prefixTable) const;
+  void dumpPrefixTables() const;
+
+  // --- collections
+  Ptr<PrefixTable> prefixTable(PrefixTableId id) const { return prefixTable_.get(id); }
+  const HashMap<PrefixTableId, Ptr<PrefixTable>>& prefixTableMap() const { return prefixTable_; }
+  // The table for `id`, created over `cfg` when the machine has none yet.
+  Ptr<PrefixTable> prefixTableIs(PrefixTableId id, const Ptr<PrefixTableConfig>& cfg);
+
+  Ptr<BestFitAllocator> nhiAllocator(NhiTileIdx tile) const { return nhiAllocator_.get(tile); }
+  const HashMap<NhiTileIdx, Ptr<BestFitAllocator>>& nhiAllocatorMap() const { return nhiAllocator_; }
+  void nhiAllocatorIs(NhiTileIdx tile, const Ptr<BestFitAllocator>& a) { nhiAllocator_.set(tile, a); }
+
+  Ptr<Blk> nhiBaseIdxToBlk(const NhiTableIdx& idx) const { return nhiBaseIdxToBlk_.get(idx); }
+  const HashMap<NhiTableIdx, Ptr<Blk>>& nhiBaseIdxToBlkMap() const { return nhiBaseIdxToBlk_; }
+  void nhiBaseIdxToBlkIs(const NhiTableIdx& idx, const Ptr<Blk>& blk) { nhiBaseIdxToBlk_.set(idx, blk); }
+  void nhiBaseIdxToBlkDel(const NhiTableIdx& idx) { nhiBaseIdxToBlk_.erase(idx); }
+
+  Ptr<SubTrieSet> nhiBaseIdxToSubTrie(const NhiTableIdx& idx) const { return nhiBaseIdxToSubTrie_.get(idx); }
+  const HashMap<NhiTableIdx, Ptr<SubTrieSet>>& nhiBaseIdxToSubTrieMap() const { return nhiBaseIdxToSubTrie_; }
+
+  Ptr<NhiInfo> sharedNhi(const NhiInfoKey& key) const { return sharedNhi_.get(key); }
+  const HashMap<NhiInfoKey, Ptr<NhiInfo>, NhiInfoKeyHash>& sharedNhiMap() const { return sharedNhi_; }
+  // The record for `key`, created when absent.
+  Ptr<NhiInfo> sharedNhiIs(const NhiInfoKey& key);
+  void sharedNhiDel(const NhiInfoKey& key) { sharedNhi_.erase(key); }
+
+  Ptr<SubTrie> prefixToSubTrie(const Ptr<LpmPrefix>& prefix) const { return prefixToSubTrie_.get(prefix); }
+  U32 prefixToSubTries() const { return prefixToSubTrie_.size(); }
+  const LpmPrefixMap<Ptr<SubTrie>>& prefixToSubTrieMap() const { return prefixToSubTrie_; }
+  void prefixToSubTrieIs(const Ptr<LpmPrefix>& prefix, const Ptr<SubTrie>& subTrie) {
+    prefixToSubTrie_.set(prefix, subTrie);
+  }
+  void prefixToSubTrieDel(const Ptr<LpmPrefix>& prefix) { prefixToSubTrie_.erase(prefix); }
+
+  // --- counters and switches
+  U64 numNhiOverflow() const { return numNhiOverflow_; }
+  void numNhiOverflowIs(U64 v) { numNhiOverflow_ = v; }
+  void numNhiOverflowInc(U64 n = 1) { numNhiOverflow_ += n; }
+  U64 numNhiBlockDefrag() const { return numNhiBlockDefrag_; }
+  void numNhiBlockDefragIs(U64 v) { numNhiBlockDefrag_ = v; }
+  void numNhiBlockDefragInc(U64 n = 1) { numNhiBlockDefrag_ += n; }
+  U64 numHashShufflingAttempt() const { return numHashShufflingAttempt_; }
+  void numHashShufflingAttemptIs(U64 v) { numHashShufflingAttempt_ = v; }
+  void numHashShufflingAttemptInc(U64 n = 1) { numHashShufflingAttempt_ += n; }
+  U64 numHashShufflingSuccess() const { return numHashShufflingSuccess_; }
+  void numHashShufflingSuccessIs(U64 v) { numHashShufflingSuccess_ = v; }
+  void numHashShufflingSuccessInc(U64 n = 1) { numHashShufflingSuccess_ += n; }
+  bool nhiSharingEnabled() const { return nhiSharingEnabled_; }
+  void nhiSharingEnabledIs(bool b) { nhiSharingEnabled_ = b; }
+  bool hashShufflingEnabled() const { return hashShufflingEnabled_; }
+  void hashShufflingEnabledIs(bool b) { hashShufflingEnabled_ = b; }
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool b) { initialized_ = b; }
+
+ private:
+  void createNhiAllocators();
+  void enqueue(const Ptr<CommandBase>& cmd) { status_->pendingCmdEnq(cmd); }
+
+  Name name_;
+  Ptr<ConfigBase> config_;
+  std::unique_ptr<ConfigReactor> reactor_;
+  Ptr<Status> status_;
+  Ptr<RestartHelperBase> restartHelper_;
+  HashMap<PrefixTableId, Ptr<PrefixTable>> prefixTable_;
+  HashMap<NhiTileIdx, Ptr<BestFitAllocator>> nhiAllocator_;
+  HashMap<NhiTableIdx, Ptr<Blk>> nhiBaseIdxToBlk_;
+  HashMap<NhiTableIdx, Ptr<SubTrieSet>> nhiBaseIdxToSubTrie_;
+  HashMap<NhiInfoKey, Ptr<NhiInfo>, NhiInfoKeyHash> sharedNhi_;
+  LpmPrefixMap<Ptr<SubTrie>> prefixToSubTrie_;
+  U64 numNhiOverflow_ = 0;
+  U64 numNhiBlockDefrag_ = 0;
+  U64 numHashShufflingAttempt_ = 0;
+  U64 numHashShufflingSuccess_ = 0;
+  bool nhiSharingEnabled_ = true;
+  bool hashShufflingEnabled_ = true;
+  bool initialized_ = false;
+};
+
+// Creates, starts and activates a state machine.
+Ptr<LpmSm> LpmSmIs(const Name& name, const Ptr<ConfigBase>& config, const Ptr<Status>& status,
+                   const Ptr<RestartHelperBase>& restartHelper);
+
+// Narrows `branch` to its common leading bits with `other`, at most maxLen; newLen gets the length.
+void findCommonBranch(SubTrieBranch& branch, const SubTrieBranch& other, U8 maxLen, U8& newLen);
+// The smallest available stride not below `wanted`; 255 when there is none.
+U8 getNextAvailableStride(const Ptr<ConfigBase>& config, U8 wanted);
+// Appends the prefix bits a hardware leaf stores below the branch; returns the new branch length.
+U8 combineBranchAndLeaf(SubTrieBranch& branch, U8 branchLen, U64& leafVal, U64& leafValHigh);
+
+}  // namespace XpLpm
+}  // namespace XpLib
