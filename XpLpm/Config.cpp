@@ -100,8 +100,9 @@ void ConfigBase::availableStrideDel(U8 stride) {
 }
 
 void ConfigBase::requestIs(const Ptr<LpmPrefix>& p, const NextHopBlock& block) {
-  if (const NextHopBlock* held = request_.find(p); held && *held == block) return;
-  request_.set(p, block);
+  auto [held, added] = request_.findOrInsert(p);
+  if (!added && *held == block) return;
+  *held = block;
   announce([&p](Notifiee& n) { n.onRequest(p); });
 }
 

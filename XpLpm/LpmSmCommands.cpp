@@ -45,7 +45,7 @@ void LpmSm::generateNhiWriteCmds(const Ptr<SubTrie>& subTrie) {
     }
     const NhiTableIdx index(base.tile(), static_cast<U16>(base.offset() + j));
     XP_TRACE(4, "LpmSm::generateNhiWriteCmds  enqueue nhi cmd nhiBaseIdx " << index << " nhBlockLists "
-                                                                          << list.nextHopBlocks());
+                                                                          << list.str());
     enqueue(nhiCommandFactory(index, list));
   }
 }

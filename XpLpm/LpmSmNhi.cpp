@@ -140,6 +140,7 @@ Ptr<NhiInfo> LpmSm::sharedNhiIs(const NhiInfoKey& key) {
 NhiInfoKey LpmSm::generateNhiInfoKey(const Ptr<SubTrie>& subTrie) const {
   XP_TRACE(7, "LpmSm::generateNhiInfoKey subtrie " << *subTrie);
   NhiInfoKey key;
+  if (subTrie->numPrefixes()) key.reserve(subTrie->numPrefixes());
   const auto& slots = subTrie->slots();
   for (std::size_t s = 0; s < slots.size(); ++s)
     if (slots[s]) key.newSlotToNextHopBlock(static_cast<U8>(s), requestedBlock(slots[s]));

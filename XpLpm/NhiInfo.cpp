@@ -9,43 +9,70 @@ namespace XpLpm {
 
 namespace {
 auto bySlot = [](const NhiInfoKey::Entry& e, U8 slot) { return e.first < slot; };
+const std::vector<NhiInfoKey::Entry> kNoEntries;
+}  // namespace
+
+const std::vector<NhiInfoKey::Entry>& NhiInfoKey::entries() const { return rep_ ? rep_->entries : kNoEntries; }
+
+NhiInfoKey::Rep& NhiInfoKey::mutableRep() {
+  if (!rep_) {
+    rep_ = makePtr<Rep>();
+  } else if (rep_->references() > 1) {
+    Ptr<Rep> copy = makePtr<Rep>();
+    copy->entries = rep_->entries;
+    rep_ = copy;
+  }
+  rep_->hashValid = false;
+  return *rep_;
 }
 
+void NhiInfoKey::reserve(U32 n) { mutableRep().entries.reserve(n); }
+
 void NhiInfoKey::newSlotToNextHopBlock(U8 slot, const NextHopBlock& block) {
-  if (entries_.empty() || entries_.back().first < slot) {
-    entries_.emplace_back(slot, block);
+  std::vector<Entry>& e = mutableRep().entries;
+  if (e.empty() || e.back().first < slot) {
+    e.emplace_back(slot, block);
     return;
   }
-  auto it = std::lower_bound(entries_.begin(), entries_.end(), slot, bySlot);
-  if (it != entries_.end() && it->first == slot) {
+  auto it = std::lower_bound(e.begin(), e.end(), slot, bySlot);
+  if (it != e.end() && it->first == slot) {
     it->second = block;
   } else {
-    entries_.insert(it, Entry(slot, block));
+    e.insert(it, Entry(slot, block));
   }
 }
 
 void NhiInfoKey::slotToNextHopBlockDel(U8 slot) {
-  auto it = std::lower_bound(entries_.begin(), entries_.end(), slot, bySlot);
-  if (it != entries_.end() && it->first == slot) entries_.erase(it);
+  const auto& e = entries();
+  auto it = std::lower_bound(e.begin(), e.end(), slot, bySlot);
+  if (it == e.end() || it->first != slot) return;
+  std::vector<Entry>& m = mutableRep().entries;
+  m.erase(m.begin() + (it - e.begin()));
+  if (m.empty()) rep_ = nullptr;
 }
 
 NextHopBlock NhiInfoKey::slotToNextHopBlock(U8 slot) const {
-  auto it = std::lower_bound(entries_.begin(), entries_.end(), slot, bySlot);
-  return it != entries_.end() && it->first == slot ? it->second : NextHopBlock();
+  const auto& e = entries();
+  auto it = std::lower_bound(e.begin(), e.end(), slot, bySlot);
+  return it != e.end() && it->first == slot ? it->second : NextHopBlock();
 }
 
 U32 NhiInfoKey::hash() const {
+  if (!rep_) return 0;
+  if (rep_->hashValid) return rep_->hash;
   OneAtATimeHash h;
-  for (const auto& [slot, block] : entries_) {
+  for (const auto& [slot, block] : rep_->entries) {
     h.add(slot);
     h.addLittleEndian(block.hash());
   }
-  return h.finish();
+  rep_->hash = h.finish();
+  rep_->hashValid = true;
+  return rep_->hash;
 }
 
 std::string NhiInfoKey::str() const {
   char buf[32];
-  std::snprintf(buf, sizeof buf, "0x%x,%zu", hash(), entries_.size());
+  std::snprintf(buf, sizeof buf, "0x%x,%u", hash(), slotToNextHopBlocks());
   return buf;
 }
 

@@ -16,22 +16,29 @@ namespace XpLpm {
 using XpLpmNextHop::NextHopBlock;
 
 // Slot -> next-hop block of the prefix in that slot, in ascending slot order.
-// Kept as a sorted vector: a sub-trie has at most a few dozen slots, and one
-// key per sub-trie must stay small at a million routes.
+//
+// Every shared block holds its key three times (the sub-trie's, the sharing
+// map's and the record's), so copies share one immutable representation and a
+// change copies it first. The representation also keeps the hash, which every
+// lookup of the sharing map needs.
 class NhiInfoKey {
  public:
   using Entry = std::pair<U8, NextHopBlock>;
   using const_iterator = std::vector<Entry>::const_iterator;
 
+  NhiInfoKey() = default;
+
   void newSlotToNextHopBlock(U8 slot, const NextHopBlock& block);
   void slotToNextHopBlockIs(U8 slot, const NextHopBlock& block) { newSlotToNextHopBlock(slot, block); }
   void slotToNextHopBlockDel(U8 slot);
-  void slotToNextHopBlockDelAll() { entries_.clear(); }
+  void slotToNextHopBlockDelAll() { rep_ = nullptr; }
   // The block of `slot`, or the default block.
   NextHopBlock slotToNextHopBlock(U8 slot) const;
-  U32 slotToNextHopBlocks() const { return static_cast<U32>(entries_.size()); }
-  const_iterator begin() const { return entries_.begin(); }
-  const_iterator end() const { return entries_.end(); }
+  U32 slotToNextHopBlocks() const { return rep_ ? static_cast<U32>(rep_->entries.size()) : 0; }
+  const_iterator begin() const { return entries().begin(); }
+  const_iterator end() const { return entries().end(); }
+  // Room for n entries, for a caller that knows how many it will add.
+  void reserve(U32 n);
 
   // Jenkins one-at-a-time over, per entry in slot order, the slot byte and the
   // four bytes of the block's hash, least significant first.
@@ -39,15 +46,28 @@ class NhiInfoKey {
   // "0x<hash in hex>,<entries>".
   std::string str() const;
 
-  bool operator==(const NhiInfoKey& o) const { return entries_ == o.entries_; }
+  bool operator==(const NhiInfoKey& o) const {
+    return rep_ == o.rep_ || (hash() == o.hash() && entries() == o.entries());
+  }
   bool operator!=(const NhiInfoKey& o) const { return !(*this == o); }
   // Lexicographic over the entries in slot order.
-  bool operator<(const NhiInfoKey& o) const { return entries_ < o.entries_; }
+  bool operator<(const NhiInfoKey& o) const { return entries() < o.entries(); }
 
-  std::size_t heapBytes() const { return entries_.capacity() * sizeof(Entry); }
+  // Heap bytes of the representation, shared among the copies.
+  std::size_t heapBytes() const { return rep_ ? sizeof(Rep) + rep_->entries.capacity() * sizeof(Entry) : 0; }
 
  private:
-  std::vector<Entry> entries_;
+  struct Rep : PtrInterface {
+    std::vector<Entry> entries;
+    mutable U32 hash = 0;
+    mutable bool hashValid = false;
+  };
+
+  const std::vector<Entry>& entries() const;
+  // The representation, unshared, for a change.
+  Rep& mutableRep();
+
+  Ptr<Rep> rep_;
 };
 
 std::ostream& operator<<(std::ostream& os, const NhiInfoKey& k);

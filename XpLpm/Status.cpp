@@ -46,8 +46,9 @@ void Status::pendingCmdMetadataIs(const QueueMetadata& md) {
 }
 
 void Status::prefixToNextHopBlockIs(const Ptr<LpmPrefix>& p, const NextHopBlock& block) {
-  if (const NextHopBlock* held = prefixToNextHopBlock_.find(p); held && *held == block) return;
-  prefixToNextHopBlock_.set(p, block);
+  auto [held, added] = prefixToNextHopBlock_.findOrInsert(p);
+  if (!added && *held == block) return;
+  *held = block;
   notifiees_.announce([&p](Notifiee& n) { n.onPrefixToNextHopBlock(p); });
 }
 

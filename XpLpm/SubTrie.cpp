@@ -94,8 +94,14 @@ void SubTrie::compactPrefixes() {
   }
   slots_.resize(c);
   maxPrefixSlot_ = c;
-  prefixBitmapDel();
-  allocatePrefixBitmap();
+  const U32 length = (entrySize() - branchLen_) / stride_;
+  if (length > 0 && prefixBitmap_ && prefixBitmap_->length() == length && prefixBitmap_->references() == 1) {
+    // A bitmap of the right size is cleared in place rather than made anew.
+    prefixBitmap_->clearBitsInRange(0, length - 1);
+  } else {
+    prefixBitmapDel();
+    allocatePrefixBitmap();
+  }
   if (c > 0) prefixBitmap_->setBitsInRange(0, c - 1);
   XP_TRACE(6, "SubTrie::compactPrefixes compacted subtrie " << str());
 }

@@ -12,6 +12,15 @@ std::string NextHopBlock::str() const {
 
 std::ostream& operator<<(std::ostream& os, const NextHopBlock& b) { return os << b.str(); }
 
+std::string NextHopBlockList::str() const {
+  std::string out = "[";
+  for (const auto& [index, block] : q_) {
+    if (out.size() > 1) out += ", ";
+    out += block.base().str() + "/" + block.size().str();
+  }
+  return out + "]";
+}
+
 std::string ShuffleCmd::str() const {
   return "swId " + swId_.str() + " from " + prevNextHopBlock_.str() + " to " + nextHopBlock_.str();
 }

@@ -81,6 +81,8 @@ class NextHopBlockList {
   bool operator==(const NextHopBlockList& o) const {
     return q_.metadata() == o.q_.metadata() && q_.sameEntries(o.q_);
   }
+  // "[base/size, ...]" in list order, for traces.
+  std::string str() const;
   bool operator!=(const NextHopBlockList& o) const { return !(*this == o); }
 
  private:
