@@ -82,28 +82,6 @@ TEST(LpmPrefixBranchTest, MatchesByteWiseKeyForEveryLength) {
   }
 }
 
-TEST(LpmPrefixBranchTest, KnownKeys) {
-  struct Case {
-    U32 vrf;
-    const char* prefix;
-    U8 cut;
-    std::vector<U8> bytes;
-  };
-  const Case cases[] = {
-      {0xABCD, "10.0.0.0/8", 0, {}},
-      {0xABCD, "10.0.0.0/8", 16, {0xAB, 0xCD}},
-      {0xABCD, "10.0.0.0/8", 12, {0xAB, 0xC0}},
-      {1, "192.168.0.0/16", 19, {0x00, 0x01, 0xC0}},
-      {5, "10.1.2.0/24", 40, {0x00, 0x05, 0x0A, 0x01, 0x02}},
-      {5, "10.1.2.0/24", 48, {0x00, 0x05, 0x0A, 0x01, 0x02, 0x00}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.prefix << " cut " << +c.cut);
-    SubTrieBranch b = lpmPrefixV4Factory({c.vrf, *Prefix::parse(c.prefix)})->branch(c.cut);
-    for (U32 i = 0; i < 18; ++i) EXPECT_EQ(b.u8(i), i < c.bytes.size() ? c.bytes[i] : 0) << "byte " << i;
-  }
-}
-
 TEST(LpmPrefixBranchDeathTest, CutLongerThanTheKeyIsFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   Ptr<LpmPrefixV4> v4 = lpmPrefixV4Factory({1, *Prefix::parse("10.0.0.0/8")});

@@ -244,17 +244,6 @@ TEST(NhiInfoKeyTest, OrderIsStrictAndAgreesWithEquality) {
   }
 }
 
-TEST(NhiInfoTest, TextFormAndCount) {
-  NhiInfoKey key;
-  key.newSlotToNextHopBlock(0, NextHopBlock(10, 2));
-  key.newSlotToNextHopBlock(1, NextHopBlock(20, 2));
-  Ptr<NhiInfo> info = nhiInfoFactory(key);
-  info->nhiBaseIdxIs(NhiTableIdx(U8(3), 120));
-  info->subTrieCountInc(3);
-  info->subTrieCountDec(1);
-  EXPECT_EQ(info->str(), key.str() + "/3,120/2");
-}
-
 }  // namespace
 }  // namespace XpLpm
 }  // namespace XpLib

@@ -66,15 +66,6 @@ TEST(SubTrieBranchTest, BytesAndChunksFollowTheWordLayout) {
   }
 }
 
-TEST(SubTrieBranchTest, Word4Bytes) {
-  SubTrieBranch b(0, 0, 0, 0, 0x1234);
-  EXPECT_EQ(b.u8(17), 0x34);
-  EXPECT_EQ(b.u8(16), 0x12);
-  EXPECT_EQ(b.u64(2), 0x1234ull << 48);
-  b.u64Is(2, 0x0000FFFFFFFFFFFFull);
-  EXPECT_EQ(b.word4(), 0);
-}
-
 TEST(SubTrieBranchTest, BadIndexesThrowAndLeaveTheBranchUnchanged) {
   const SubTrieBranch original(1, 2, 3, 4, 5);
   SubTrieBranch b = original;
