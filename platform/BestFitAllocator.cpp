@@ -13,7 +13,7 @@ constexpr size_t kMaxSpareBlks = 16;
 }  // namespace
 
 BestFitAllocator::BestFitAllocator(Name name, U32 memSz, U32 /*reserved*/, U32 maxBlkSz)
-    : name_(std::move(name)), memSz_(memSz), maxBlkSz_(maxBlkSz), freeEntries_(0) {
+    : name_(std::move(name)), memSz_(memSz), maxBlkSz_(maxBlkSz), freeEntries_(0), liveAt_(memSz, nullptr) {
   spareBlks_.reserve(kMaxSpareBlks);
   if (memSz_ > 0) freeRunAdd(0, memSz_);
   freeEntries_ = memSz_;
@@ -21,7 +21,7 @@ BestFitAllocator::BestFitAllocator(Name name, U32 memSz, U32 /*reserved*/, U32 m
 
 BestFitAllocator::~BestFitAllocator() {
   // Every live block holds a reference to us, so none can be left.
-  XP_ASSERT_V(liveByBase_.empty(), " allocator " << name_ << " live blocks " << liveByBase_.size());
+  XP_ASSERT_V(numLive_ == 0, " allocator " << name_ << " live blocks " << numLive_);
   for (Blk* blk : spareBlks_) delete blk;
 }
 
@@ -36,8 +36,7 @@ Ptr<Blk> BestFitAllocator::alloc(U32 size) {
 
 Ptr<Blk> BestFitAllocator::realloc(U32 base, U32 size) {
   if (size == 0 || base >= memSz_ || size > memSz_ - base) return nullptr;
-  auto live = liveByBase_.find(base);
-  if (live != liveByBase_.end()) return resizeInPlace(live->second, size);
+  if (Blk* live = liveAt_[base]) return resizeInPlace(live, size);
   return claim(base, size);
 }
 
@@ -76,22 +75,16 @@ Blk* BestFitAllocator::newBlk(U32 base, U32 size) {
   blk->base_ = base;
   blk->sz_ = size;
   blk->allocator_ = this;
-  auto node = spareLiveNodes_.take();
-  if (node.empty()) {
-    liveByBase_.emplace(base, blk);
-  } else {
-    node.key() = base;
-    node.mapped() = blk;
-    liveByBase_.insert(std::move(node));
-  }
+  liveAt_[base] = blk;
+  ++numLive_;
   return blk;
 }
 
 void BestFitAllocator::releaseBlk(Blk* blk) {
-  auto live = liveByBase_.find(blk->base_);
-  XP_ASSERT_V(live != liveByBase_.end() && live->second == blk,
+  XP_ASSERT_V(blk->base_ < memSz_ && liveAt_[blk->base_] == blk,
               " allocator " << name_ << " base " << blk->base_ << " size " << blk->sz_);
-  spareLiveNodes_.put(liveByBase_.extract(live));
+  liveAt_[blk->base_] = nullptr;
+  --numLive_;
   giveBack(blk->base_, blk->sz_);
   if (spareBlks_.size() < kMaxSpareBlks) {
     spareBlks_.push_back(blk);
@@ -181,12 +174,32 @@ void BestFitAllocator::freeRunIs(FreeByStart::iterator run, FreeBySize::iterator
 Ptr<PendingCmds> BestFitAllocator::defragment() {
   Ptr<PendingCmds> log = makePtr<PendingCmds>();
   if (freeByStart_.size() <= 1) return log;
-  std::vector<Blk*> blks;
-  blks.reserve(liveByBase_.size());
-  for (const auto& [base, blk] : liveByBase_) blks.push_back(blk);
+  std::vector<Blk*> blks = liveBlocks();
+  for (Blk* blk : blks) liveAt_[blk->base_] = nullptr;
   const auto [bot, top] = placeForCompaction(blks, *log);
+  for (Blk* blk : blks) liveAt_[blk->base_] = blk;
   reindexAfterCompaction(bot, top);
   return log;
+}
+
+// Live blocks fill exactly the gaps between free runs, so walking the runs finds
+// every block in ascending order without scanning the whole range.
+std::vector<Blk*> BestFitAllocator::liveBlocks() const {
+  std::vector<Blk*> blks;
+  blks.reserve(numLive_);
+  auto run = freeByStart_.begin();
+  for (U32 p = 0; p < memSz_;) {
+    if (run != freeByStart_.end() && run->first == p) {
+      p += run->second;
+      ++run;
+      continue;
+    }
+    Blk* blk = liveAt_[p];
+    XP_ASSERT_V(blk, " allocator " << name_ << " nothing at " << p);
+    blks.push_back(blk);
+    p += blk->sz_;
+  }
+  return blks;
 }
 
 namespace {
@@ -272,13 +285,6 @@ std::pair<U32, U32> BestFitAllocator::placeForCompaction(const std::vector<Blk*>
 void BestFitAllocator::reindexAfterCompaction(U32 bot, U32 top) {
   XP_ASSERT_V(top - bot == freeEntries_, " allocator " << name_ << " bot " << bot << " top " << top
                                                          << " freeEntries " << freeEntries_);
-  LiveByBase rekeyed;
-  while (!liveByBase_.empty()) {
-    auto node = liveByBase_.extract(liveByBase_.begin());
-    node.key() = node.mapped()->base_;
-    rekeyed.insert(std::move(node));
-  }
-  liveByBase_.swap(rekeyed);
   while (!freeByStart_.empty()) freeRunDel(freeByStart_.begin(), sizeEntry(freeByStart_.begin()));
   if (top > bot) freeRunAdd(bot, top - bot);
 }
@@ -291,10 +297,9 @@ void BestFitAllocator::verify() const {
   U64 freeSum = 0;
   bool prevFree = false;
   auto run = freeByStart_.begin();
-  auto live = liveByBase_.begin();
-  while (run != freeByStart_.end() || live != liveByBase_.end()) {
-    const bool takeRun = live == liveByBase_.end() || (run != freeByStart_.end() && run->first < live->first);
-    if (takeRun) {
+  U32 liveSeen = 0;
+  while (cursor < memSz_) {
+    if (run != freeByStart_.end() && run->first == cursor) {
       XP_ASSERT_V(run->first == cursor && run->second > 0 && !prevFree,
                   " allocator " << name_ << " free run " << run->first << "+" << run->second << " cursor " << cursor
                                 << " after free run " << prevFree);
@@ -306,14 +311,18 @@ void BestFitAllocator::verify() const {
       ++run;
       continue;
     }
-    const Blk* blk = live->second;
-    XP_ASSERT_V(blk != nullptr && blk->base_ == live->first && blk->sz_ > 0 && live->first == cursor &&
-                    blk->allocator_.ptr() == this && blk->references() > 0,
-                " allocator " << name_ << " block at " << live->first << " cursor " << cursor);
+    const Blk* blk = liveAt_[cursor];
+    XP_ASSERT_V(blk != nullptr && blk->base_ == cursor && blk->sz_ > 0 && blk->allocator_.ptr() == this &&
+                    blk->references() > 0,
+                " allocator " << name_ << " no block at cursor " << cursor);
+    for (U32 i = 1; i < blk->sz_; ++i)
+      XP_ASSERT_V(liveAt_[cursor + i] == nullptr, " allocator " << name_ << " block inside block at " << cursor);
     cursor += blk->sz_;
     prevFree = false;
-    ++live;
+    ++liveSeen;
   }
+  XP_ASSERT_V(run == freeByStart_.end() && liveSeen == numLive_,
+              " allocator " << name_ << " live " << numLive_ << " seen " << liveSeen);
   XP_ASSERT_V(cursor == memSz_ && freeSum == freeEntries_,
               " allocator " << name_ << " covered " << cursor << " of " << memSz_ << " free sum " << freeSum
                             << " freeEntries " << freeEntries_);

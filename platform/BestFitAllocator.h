@@ -10,7 +10,8 @@
 //
 // Indexes. Free runs are kept twice, by start (`freeBlkStartIndexToSz`, which callers iterate) and by
 // (size, start) for the best-fit search; neighbouring free runs are always coalesced. Live blocks are
-// kept by base for `realloc` and `defragment`. With n free runs, alloc and release are O(log n), and
+// found by base in an array over the range, for `realloc` and `defragment`. With n free runs, alloc and
+// release are O(log n), and
 // in the steady state they do no heap allocation: map nodes and Blk objects of released blocks are
 // kept in small stashes and reused.
 //
@@ -118,7 +119,7 @@ class BestFitAllocator : public PtrInterface {
   U32 freeEntries() const { return freeEntries_; }
   U32 entriesCapacity() const { return memSz_; }
   U32 maxBlkSz() const { return maxBlkSz_; }
-  U32 numBlks() const { return static_cast<U32>(liveByBase_.size()); }
+  U32 numBlks() const { return numLive_; }
   // Start index -> length of every free run, ascending by start.
   const std::map<U32, U32>& freeBlkStartIndexToSz() const { return freeByStart_; }
 
@@ -132,7 +133,6 @@ class BestFitAllocator : public PtrInterface {
   friend class Blk;
   using FreeByStart = std::map<U32, U32>;
   using FreeBySize = std::set<std::pair<U32, U32>>;  // (length, start)
-  using LiveByBase = std::map<U32, Blk*>;
 
   Ptr<Blk> resizeInPlace(Blk* blk, U32 size);
   Ptr<Blk> claim(U32 base, U32 size);
@@ -153,6 +153,8 @@ class BestFitAllocator : public PtrInterface {
   // Places the blocks (ascending by base) and logs the moves; returns the final bottom and top cursors.
   std::pair<U32, U32> placeForCompaction(const std::vector<Blk*>& blks, PendingCmds& log);
   void reindexAfterCompaction(U32 bot, U32 top);
+  // The live blocks in ascending base.
+  std::vector<Blk*> liveBlocks() const;
 
   Name name_;
   U32 memSz_;
@@ -160,10 +162,12 @@ class BestFitAllocator : public PtrInterface {
   U32 freeEntries_;
   FreeByStart freeByStart_;
   FreeBySize freeBySize_;
-  LiveByBase liveByBase_;
+  // The live block that starts at each index, null elsewhere: O(1) in both
+  // directions, and smaller than a tree node per block once a tile fills.
+  std::vector<Blk*> liveAt_;
+  U32 numLive_ = 0;
   detail::NodeStash<FreeByStart> spareStartNodes_;
   detail::NodeStash<FreeBySize> spareSizeNodes_;
-  detail::NodeStash<LiveByBase> spareLiveNodes_;
   std::vector<Blk*> spareBlks_;
 };
 
