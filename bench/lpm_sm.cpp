@@ -8,16 +8,18 @@
 #include <chrono>
 #include <unordered_map>
 
-#include "../tests/XpLpm/LpmGeometry.h"
-#include "RouteTable.h"
+#include "XpLpm/LpmGeometry.h"
+#include "support/RouteTables.h"
 #include "XpLpm/XpLpmSm.h"
 
 namespace {
 
 using namespace XpLib;
 using namespace XpLib::XpLpm;
-using xplpm_bench::routesV4;
-using xplpm_bench::routesV6;
+using Agent::Route;
+
+const std::vector<Route>& routesV4() { return xplpm_test::realRoutes(false); }
+const std::vector<Route>& routesV6() { return xplpm_test::realRoutes(true); }
 
 // Several tables per tread so that a full or colliding position has somewhere
 // else to go; enough NHI for a default-free table.
@@ -59,7 +61,7 @@ test::Geometry geometryV6() {
   return g;
 }
 
-NextHopBlock blockFor(unsigned origin) { return NextHopBlock(8 * (origin % 256), 8); }
+NextHopBlock blockFor(U64 origin) { return NextHopBlock(static_cast<U32>(8 * (origin % 256)), 8); }
 
 std::size_t heapInUse() {
   const auto mi = mallinfo2();
@@ -88,7 +90,7 @@ Programmed setUp(Ptr<ConfigBase> cfg, const Routes& routes, MakePrefix makePrefi
   p.prefixes.reserve(routes.size());
   for (const auto& r : routes) {
     p.prefixes.push_back(makePrefix(r));
-    p.blocks.push_back(blockFor(r.origin));
+    p.blocks.push_back(blockFor(r.nextHop));
   }
   return p;
 }
@@ -160,15 +162,15 @@ void runPhases(benchmark::State& state, Make make, const char* phase) {
 
 Programmed makeV4() {
   auto cfg = test::makeConfigV4(geometryV4());
-  return setUp(cfg, routesV4(), [&](const xplpm_bench::Route4& r) -> Ptr<LpmPrefix> {
-    return cfg->newLpmPrefix(VrfAndPrefix{0, r.prefix});
+  return setUp(cfg, routesV4(), [&](const Route& r) -> Ptr<LpmPrefix> {
+    return cfg->newLpmPrefix(VrfAndPrefix{r.vrf, r.v4});
   });
 }
 
 Programmed makeV6() {
   auto cfg = test::makeConfigV6(geometryV6());
-  return setUp(cfg, routesV6(), [&](const xplpm_bench::Route6& r) -> Ptr<LpmPrefix> {
-    return cfg->newLpmPrefix(VrfAndIp6Prefix{0, r.prefix});
+  return setUp(cfg, routesV6(), [&](const Route& r) -> Ptr<LpmPrefix> {
+    return cfg->newLpmPrefix(VrfAndIp6Prefix{r.vrf, r.v6});
   });
 }
 
@@ -195,7 +197,7 @@ void BM_Ipv4UnorderedMapInsert(benchmark::State& state) {
   for (auto _ : state) {
     std::unordered_map<VrfAndPrefix, NextHopBlock, KeyHash> m;
     const std::size_t heapBefore = heapInUse();
-    for (const auto& r : routes) m[VrfAndPrefix{0, r.prefix}] = blockFor(r.origin);
+    for (const auto& r : routes) m[VrfAndPrefix{r.vrf, r.v4}] = blockFor(r.nextHop);
     benchmark::DoNotOptimize(m.size());
     state.counters["bytes_per_route"] = static_cast<double>(heapInUse() - heapBefore) / routes.size();
     state.counters["routes_per_s"] = benchmark::Counter(static_cast<double>(routes.size()), benchmark::Counter::kIsRate);

@@ -1,35 +1,24 @@
 // Hashing one real prefix for one prefix table, as every insertion does per table tried.
 #include <benchmark/benchmark.h>
-#include <zlib.h>
 
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "XpLpm/XpLpm.h"
+#include "support/RouteTables.h"
 
 namespace {
 
 using namespace XpLib;
 using namespace XpLib::XpLpm;
 
-std::vector<Ptr<LpmPrefix>> loadIpv4Routes() {
-  std::vector<Ptr<LpmPrefix>> out;
-  gzFile f = gzopen(XPLPM_DATA_DIR "/routes-v4.txt.gz", "rb");
-  if (!f) return out;
-  char line[256];
-  while (gzgets(f, line, sizeof line)) {
-    std::string s(line);
-    if (s.empty() || s[0] == '#') continue;
-    auto p = Prefix::parse(s.substr(0, s.find(' ')));
-    if (p) out.push_back(lpmPrefixV4Factory(VrfAndPrefix{0, *p}));
-  }
-  gzclose(f);
-  return out;
-}
-
 const std::vector<Ptr<LpmPrefix>>& routes() {
-  static const std::vector<Ptr<LpmPrefix>> r = loadIpv4Routes();
+  static const std::vector<Ptr<LpmPrefix>> r = [] {
+    std::vector<Ptr<LpmPrefix>> out;
+    for (const auto& route : xplpm_test::realRoutes(false)) out.push_back(lpmPrefixV4Factory(VrfAndPrefix{route.vrf, route.v4}));
+    return out;
+  }();
   return r;
 }
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "XpLpm/XpLpm.h"
-#include "XpLpmConfigurator/LpmHashPolynomials.h"
+#include "xdk/xpHashPolynomials.h"
 #include "xdk/xpHashFunction.h"
 
 namespace XpLib {
@@ -37,7 +37,7 @@ inline void configure(const Ptr<ConfigBase>& cfg, const Geometry& g) {
   for (const TableSpec& t : g.tables) {
     auto tc = xpPrefixTableConfigFactory(PrefixTableId(t.id), t.type, t.depth, t.tread);
     const U32 hashBits = static_cast<U32>(std::log2(static_cast<double>(t.depth)));
-    tc->xdkHashFunctionIs(new XpXdk::crcHashFunction(144, hashBits, lpmHashPolynomial(t.id % 32, t.polyColumn % 4), 1, t.tread));
+    tc->xdkHashFunctionIs(new XpXdk::crcHashFunction(144, hashBits, XpXdk::lpmHashPolynomial(t.id % 32, t.polyColumn % 4), 1, t.tread));
     cfg->prefixTableConfigIs(tc);
   }
   cfg->populateLeastTreadForPrefixLenSettings(g.userTreads);

@@ -4,7 +4,9 @@
 
 #include "platform/Types.h"
 
-namespace XpLib {
+namespace XpXdk {
+
+using XpLib::U32;
 
 inline constexpr U32 kLpmHashPolynomials[16][4] = {
     {0x1B1DD, 0x1901B, 0x1FA8B, 0x1F1CB}, {0x17329, 0x15483, 0x1C867, 0x1E015}, {0x19B6D, 0x14881, 0x1EFE3, 0x10219},
@@ -17,4 +19,4 @@ inline constexpr U32 kLpmHashPolynomials[16][4] = {
 // The polynomial of a prefix table: row tableId / 2, column hashSelector.
 constexpr U32 lpmHashPolynomial(U32 tableId, U32 hashSelector) { return kLpmHashPolynomials[tableId / 2][hashSelector]; }
 
-}  // namespace XpLib
+}  // namespace XpXdk

@@ -1,0 +1,82 @@
+// Encoding of write commands into the chip's entry records.
+#include "agent/EntryCodec.h"
+
+namespace XpLib {
+namespace Agent {
+
+namespace {
+
+// Key bits [from, from + n) of a branch, as an integer (n <= 64), first bit most significant.
+U64 keyBits(const XpLpm::SubTrieBranch& key, U32 from, U32 n) {
+  U64 v = 0;
+  for (U32 done = 0; done < n;) {
+    const U32 bit = from + done;
+    const U32 chunk = bit / 64, inChunk = bit % 64;
+    const U32 take = std::min(n - done, 64 - inChunk);
+    const U64 word = key.u64(chunk) << inChunk;  // bit `bit` now at the top
+    v = (take == 64 ? 0 : v << take) | (word >> (64 - take));
+    done += take;
+  }
+  return v;
+}
+
+}  // namespace
+
+XpXdk::xpLpmLeaf encodeLeaf(const XpLpm::LpmPrefix& prefix, U8 branchLen) {
+  const U32 p = prefix.len() - branchLen;
+  const XpLpm::SubTrieBranch key = prefix.branch(prefix.len());
+  XpXdk::xpLpmLeaf leaf;
+  if (p < 64) {
+    leaf.leafVal = (U64(1) << p) | keyBits(key, branchLen, p);
+  } else {
+    // The marker and the first p - 64 bits go to the high word, the last 64 to the low one.
+    leaf.leafValHigh = (U64(1) << (p - 64)) | keyBits(key, branchLen, p - 64);
+    leaf.leafVal = keyBits(key, branchLen + (p - 64), 64);
+  }
+  return leaf;
+}
+
+XpXdk::xpLpmPrefixEntry encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm::KeyType keyType) {
+  XpXdk::xpLpmPrefixEntry e;
+  e.keySize = keyType == XpLpm::keyShort48b ? XpXdk::xpLpmPrefixEntry::kKeySizeShort
+                                            : XpXdk::xpLpmPrefixEntry::kKeySizeLong;
+  e.mode = cmd.mode() == XpLpm::modeSparse ? XpXdk::xpLpmPrefixEntry::kModeSparse : U8(cmd.mode() + 1);
+  e.branchLen = cmd.branchLen();
+  e.stride = cmd.stride();
+  // Right-aligned, least significant byte first: entry bit i is branch bit branchLen - 1 - i.
+  for (U32 i = 0; i < cmd.branchLen(); ++i) {
+    const U32 keyBit = cmd.branchLen() - 1 - i;
+    if ((cmd.branch().byteAt(keyBit / 8) >> (7 - keyBit % 8)) & 1) e.branch[i / 8] |= U8(1u << (i % 8));
+  }
+  e.nhiTile = cmd.nhiBaseIdx().tile().value();
+  e.nhiOffset = cmd.nhiBaseIdx().offset();
+  const auto& list = cmd.prefixList();
+  e.numSlots = static_cast<U8>(list.prefixs());
+  for (const auto& [slot, prefix] : list) {
+    if (prefix && slot < XpXdk::xpLpmPrefixEntry::kMaxSlots) e.slots[slot] = encodeLeaf(*prefix, cmd.branchLen());
+  }
+  return e;
+}
+
+XpXdk::xpLpmNhiEntry encodeNhiEntry(const XpLpm::NhiCommand& cmd) {
+  XpXdk::xpLpmNhiEntry e;
+  U32 k = 0;
+  for (const auto& [index, block] : cmd.nextHopBlockList()) {
+    if (k == XpXdk::xpLpmNhiEntry::kMaxPairs) break;
+    e.pair[k++] = XpXdk::xpLpmNhiPair{block.base().value(), block.size().value()};
+  }
+  return e;
+}
+
+XpLpm::SubTrieBranch decodeBranch(const XpXdk::xpLpmPrefixEntry& entry) {
+  XpLpm::SubTrieBranch b;
+  for (U32 i = 0; i < entry.branchLen; ++i) {
+    if (!((entry.branch[i / 8] >> (i % 8)) & 1)) continue;
+    const U32 keyBit = entry.branchLen - 1 - i;
+    b.u8Is(keyBit / 8, static_cast<U8>(b.byteAt(keyBit / 8) | (0x80u >> (keyBit % 8))));
+  }
+  return b;
+}
+
+}  // namespace Agent
+}  // namespace XpLib

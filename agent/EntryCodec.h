@@ -1,0 +1,26 @@
+// The chip's entry format for the library's write commands: a PrefixCommand
+// becomes an xpLpmPrefixEntry, an NhiCommand an xpLpmNhiEntry. This is the one
+// place that knows the chip's bit layout (see xdk/xpLpmEntry.h); swapping in a
+// real chip SDK touches this file and the writer only.
+#pragma once
+
+#include "XpLpm/Status.h"
+#include "XpLpm/XpLpmTypes.h"
+#include "xdk/xpLpmEntry.h"
+
+namespace XpLib {
+namespace Agent {
+
+// The entry image of a prefix command. Branch bits beyond branchLen, which the
+// model may carry, are not part of the image.
+XpXdk::xpLpmPrefixEntry encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm::KeyType keyType);
+XpXdk::xpLpmNhiEntry encodeNhiEntry(const XpLpm::NhiCommand& cmd);
+
+// The leaf of a prefix stored below a branch of branchLen bits: its remaining
+// bits behind a marker bit.
+XpXdk::xpLpmLeaf encodeLeaf(const XpLpm::LpmPrefix& prefix, U8 branchLen);
+// The branch of an entry, left-aligned as the model holds it.
+XpLpm::SubTrieBranch decodeBranch(const XpXdk::xpLpmPrefixEntry& entry);
+
+}  // namespace Agent
+}  // namespace XpLib

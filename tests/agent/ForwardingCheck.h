@@ -1,0 +1,108 @@
+// Forwarding checks: every installed route of an agent is looked up in the chip
+// and compared with a brute-force longest match over the installed routes.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "agent/ReferenceLpm.h"
+#include "agent/XpLpmAgent.h"
+
+namespace XpLib {
+namespace Agent {
+namespace test {
+
+struct ProbeCounts {
+  U64 probes = 0;
+  U64 mismatches = 0;
+};
+
+// The reference over what Status says is installed, in both families.
+inline ReferenceLpm installedReference(XpLpmAgent& agent) {
+  ReferenceLpm ref;
+  for (bool v6 : {false, true}) {
+    for (const auto& [prefix, block] : agent.family(v6).status->prefixToNextHopBlockMap()) {
+      if (v6) {
+        const auto& k = static_cast<const XpLpm::LpmPrefixV6&>(*prefix).vrfAndIp6Prefix();
+        ref.routeIs(k.vrf, k.prefix, block);
+      } else {
+        const auto& k = static_cast<const XpLpm::LpmPrefixV4&>(*prefix).vrfAndPrefix();
+        ref.routeIs(k.vrf, k.prefix, block);
+      }
+    }
+  }
+  return ref;
+}
+
+inline bool sameAnswer(const XpXdk::xpLpmLookupResult& chip, const std::optional<ReferenceMatch>& ref) {
+  if (!ref) return !chip.hit;
+  return chip.hit && chip.matchLength == ref->len + 16u && chip.nextHopBlock.base == ref->block.base().value() &&
+         chip.nextHopBlock.size == ref->block.size().value();
+}
+
+inline Ip6Prefix::Bytes lastAddress(const Ip6Prefix& p) {
+  Ip6Prefix::Bytes a = p.address();
+  for (int i = 0; i < 16; ++i) {
+    const int keep = std::clamp(static_cast<int>(p.len()) - 8 * i, 0, 8);
+    a[i] |= static_cast<U8>(0xFF >> keep);
+  }
+  return a;
+}
+
+inline Ip6Prefix::Bytes randomAddressIn(const Ip6Prefix& p, std::mt19937_64& rng) {
+  Ip6Prefix::Bytes a = p.address();
+  for (int i = 0; i < 16; ++i) {
+    const int keep = std::clamp(static_cast<int>(p.len()) - 8 * i, 0, 8);
+    a[i] |= static_cast<U8>(rng()) & static_cast<U8>(0xFF >> keep);
+  }
+  return a;
+}
+
+// Probes one IPv4 address; reports the first few mismatches.
+inline void probe(XpLpmAgent& agent, const ReferenceLpm& ref, U32 vrf, U32 address, ProbeCounts& c) {
+  ++c.probes;
+  auto chip = agent.lookup(vrf, address);
+  auto want = ref.lookup(vrf, address);
+  if (sameAnswer(chip, want)) return;
+  if (++c.mismatches <= 5)
+    ADD_FAILURE() << "vrf " << vrf << " address " << Prefix(address, 32).str() << " chip hit " << chip.hit << " len "
+                  << chip.matchLength << " base " << chip.nextHopBlock.base << " reference "
+                  << (want ? std::to_string(want->len) + " base " + want->block.base().str() : "miss");
+}
+
+inline void probe(XpLpmAgent& agent, const ReferenceLpm& ref, U32 vrf, const Ip6Prefix::Bytes& address,
+                  ProbeCounts& c) {
+  ++c.probes;
+  auto chip = agent.lookup(vrf, address);
+  auto want = ref.lookup(vrf, address);
+  if (sameAnswer(chip, want)) return;
+  if (++c.mismatches <= 5)
+    ADD_FAILURE() << "vrf " << vrf << " address " << Ip6Prefix::addressStr(address) << " chip hit " << chip.hit
+                  << " len " << chip.matchLength << " base " << chip.nextHopBlock.base << " reference "
+                  << (want ? std::to_string(want->len) + " base " + want->block.base().str() : "miss");
+}
+
+// Every installed route at its first address, its last address and one random address inside it.
+inline ProbeCounts probeInstalled(XpLpmAgent& agent, std::mt19937_64& rng) {
+  const ReferenceLpm ref = installedReference(agent);
+  ProbeCounts c;
+  for (const auto& [prefix, block] : agent.family(false).status->prefixToNextHopBlockMap()) {
+    const auto& k = static_cast<const XpLpm::LpmPrefixV4&>(*prefix).vrfAndPrefix();
+    const U32 host = ~Prefix::mask(k.prefix.len());
+    probe(agent, ref, k.vrf, k.prefix.address(), c);
+    probe(agent, ref, k.vrf, k.prefix.address() | host, c);
+    probe(agent, ref, k.vrf, k.prefix.address() | (static_cast<U32>(rng()) & host), c);
+  }
+  for (const auto& [prefix, block] : agent.family(true).status->prefixToNextHopBlockMap()) {
+    const auto& k = static_cast<const XpLpm::LpmPrefixV6&>(*prefix).vrfAndIp6Prefix();
+    probe(agent, ref, k.vrf, k.prefix.address(), c);
+    probe(agent, ref, k.vrf, lastAddress(k.prefix), c);
+    probe(agent, ref, k.vrf, randomAddressIn(k.prefix, rng), c);
+  }
+  return c;
+}
+
+}  // namespace test
+}  // namespace Agent
+}  // namespace XpLib

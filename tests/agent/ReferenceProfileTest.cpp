@@ -1,0 +1,88 @@
+// The whole real IPv4 and IPv6 tables through agent, writer and chip on the
+// reference profile: zero failed routes and zero forwarding mismatches.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <random>
+
+#include "ForwardingCheck.h"
+#include "agent/ChipReport.h"
+#include "support/RouteTables.h"
+
+namespace XpLib {
+namespace Agent {
+namespace {
+
+using test::probe;
+
+// Under the sanitizers every lookup costs ten times as much: the random probes are thinned there.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kRandomProbes = 100000;
+#else
+constexpr int kRandomProbes = 1000000;
+#endif
+
+TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
+  const auto t0 = std::chrono::steady_clock::now();
+  XpLpmAgent agent(*XpXdk::findChipProfile("reference"));
+  U64 failed = 0;
+  for (bool v6 : {false, true}) {
+    for (const Route& r : xplpm_test::realRoutes(v6)) {
+      agent.routeIs(r);
+      if (!agent.installed(r) && ++failed <= 5) ADD_FAILURE() << "not placed: " << r.prefixStr();
+    }
+  }
+  const double programmed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  EXPECT_EQ(failed, 0u);
+
+  const ReferenceLpm ref = test::installedReference(agent);
+  test::ProbeCounts c;
+  std::mt19937_64 rng(77);
+  for (const Route& r : xplpm_test::realRoutes(false)) {
+    probe(agent, ref, r.vrf, r.v4.address(), c);
+    probe(agent, ref, r.vrf, r.v4.address() | ~Prefix::mask(r.v4.len()), c);
+  }
+  for (const Route& r : xplpm_test::realRoutes(true)) {
+    probe(agent, ref, r.vrf, r.v6.address(), c);
+    probe(agent, ref, r.vrf, test::lastAddress(r.v6), c);
+  }
+  // A million random addresses (half IPv4, half IPv6): half anywhere, half inside a random route.
+  const auto& v4 = xplpm_test::realRoutes(false);
+  const auto& v6 = xplpm_test::realRoutes(true);
+  for (int i = 0; i < kRandomProbes / 2; ++i) {
+    probe(agent, ref, 0, static_cast<U32>(rng()), c);
+    const Route& r = v4[rng() % v4.size()];
+    probe(agent, ref, 0, r.v4.address() | (static_cast<U32>(rng()) & ~Prefix::mask(r.v4.len())), c);
+  }
+  for (int i = 0; i < kRandomProbes / 4; ++i) {
+    Ip6Prefix::Bytes a;
+    for (auto& b : a) b = static_cast<U8>(rng());
+    a[0] = static_cast<U8>(0x20 | (a[0] & 0x1F));  // within 2000::/3, where the routes are
+    probe(agent, ref, 0, a, c);
+    probe(agent, ref, 0, test::randomAddressIn(v6[rng() % v6.size()].v6, rng), c);
+  }
+  EXPECT_EQ(c.mismatches, 0u);
+  const double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+
+  for (bool f : {false, true}) {
+    const auto& lpm = agent.chip().lpm(f);
+    const auto& w = agent.family(f).writer->counters();
+    const NhiOverlapAudit audit = auditNhiOverlaps(lpm);
+    EXPECT_EQ(w.errors, 0u);
+    std::printf("[ %s ] routes %zu installed %u writes %llu skipped %llu nhi blocks %llu shared %llu overlaps %llu\n",
+                f ? "ipv6" : "ipv4", xplpm_test::realRoutes(f).size(), agent.family(f).sm->prefixToSubTries(),
+                (unsigned long long)w.writes(), (unsigned long long)w.skipped(), (unsigned long long)audit.blocks,
+                (unsigned long long)audit.sharedBlocks, (unsigned long long)audit.overlappingPairs);
+    for (const TableFill& t : tableFill(lpm))
+      std::printf("  table %2u tread %3u depth %6u occupied %6u (%5.1f%%) prefixes %7llu\n", t.tableId, t.tread,
+                  t.depth, t.occupied, 100.0 * t.occupied / t.depth, (unsigned long long)t.prefixes);
+    for (const NhiFill& n : nhiFill(lpm))
+      std::printf("  nhi tile %u used %u of %u (%5.1f%%)\n", n.tile, n.used, n.entries, 100.0 * n.used / n.entries);
+  }
+  std::printf("[ time ] programmed in %.2f s, %llu probes, %.2f s in all\n", programmed,
+              (unsigned long long)c.probes, total);
+}
+
+}  // namespace
+}  // namespace Agent
+}  // namespace XpLib

@@ -1,0 +1,125 @@
+// The simulated chip: the memory of its LPM tables (prefix tables, NHI tiles)
+// per address family and its next-hop table, the SDK accessor that reads and
+// writes them, and the chip's own longest-prefix-match lookup.
+//
+// The chip is the oracle of every forwarding check: it knows nothing of the
+// library's model, only its table contexts and what was written to it, and
+// hashes a looked-up key with the same CRC the hardware uses.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "xdk/xpHashFunction.h"
+#include "xdk/xpLpmEntry.h"
+#include "xdk/xpTableContext.h"
+
+namespace XpXdk {
+
+// The 18 key bytes of a lookup: VRF high, VRF low, then the address in network order.
+struct xpLpmKey {
+  std::array<U8, 18> bytes{};
+  U32 keyLength = 48;  // 48 or 144
+
+  static xpLpmKey ipv4(U32 vrf, U32 address);
+  static xpLpmKey ipv6(U32 vrf, const std::array<U8, 16>& address);
+  // Key bit i, 0 being the most significant bit of the VRF.
+  bool bit(U32 i) const { return (bytes[i / 8] >> (7 - i % 8)) & 1; }
+};
+
+// What the chip forwards a key to.
+struct xpLpmLookupResult {
+  bool hit = false;
+  U32 tableId = 0;
+  U32 position = 0;
+  U32 slot = 0;
+  U32 matchLength = 0;  // key bits of the matching prefix, VRF included
+  xpLpmNhiPair nextHopBlock;  // base and size of the next-hop block
+};
+
+// The memory of one LPM instance (one address family).
+class xpLpmMemory {
+ public:
+  explicit xpLpmMemory(const xpLpmTableContext& context);
+
+  const xpLpmTableContext& context() const { return context_; }
+  U32 nhiTiles() const { return static_cast<U32>(nhi_.size()); }
+  U32 nhiEntriesPerTile() const { return nhiEntriesPerTile_; }
+
+  XP_STATUS readPrefixEntry(U32 tableId, U32 offset, xpLpmPrefixEntry* entry) const;
+  XP_STATUS writePrefixEntry(U32 tableId, U32 offset, const xpLpmPrefixEntry& entry);
+  XP_STATUS readNhiEntry(U32 tile, U32 offset, xpLpmNhiEntry* entry) const;
+  XP_STATUS writeNhiEntry(U32 tile, U32 offset, const xpLpmNhiEntry& entry);
+
+  // The longest match over every valid prefix table.
+  xpLpmLookupResult lookup(const xpLpmKey& key) const;
+
+  // Positions of one table that hold a non-empty entry, for audits and fill reports.
+  U32 occupied(U32 tableId) const;
+  // Every non-empty entry of one table, by position.
+  const std::unordered_map<U32, xpLpmPrefixEntry>& entries(U32 tableId) const { return tables_[tableId].entries; }
+
+ private:
+  struct Table {
+    std::unique_ptr<xpHashFunction> hash;
+    std::unordered_map<U32, xpLpmPrefixEntry> entries;  // only written, non-empty positions
+    std::vector<U64> occupancy;  // one bit per position, so that lookups pass empty positions without a map probe
+  };
+
+  xpLpmTableContext context_;
+  std::array<Table, xpLpmTableContext::kPrefixTables> tables_;
+  U32 nhiEntriesPerTile_ = 0;
+  std::vector<std::vector<xpLpmNhiEntry>> nhi_;
+};
+
+// The SDK's accessor of one LPM instance's tables. Device ids are ignored (one chip).
+// Reads can be told to fail, for tests of the readers' error handling.
+class xpIpRouteLpmMgr {
+ public:
+  explicit xpIpRouteLpmMgr(xpLpmMemory* memory) : memory_(memory) {}
+
+  XP_STATUS readPrefixEntry(U32 devId, U32 tableId, U32 offset, xpLpmPrefixEntry* entry, U32 flags);
+  XP_STATUS writePrefixEntry(U32 devId, U32 tableId, U32 offset, const xpLpmPrefixEntry* entry);
+  XP_STATUS readNhiEntry(U32 devId, U32 tile, U32 offset, xpLpmNhiEntry* entry, U32 flags);
+  XP_STATUS writeNhiEntry(U32 devId, U32 tile, U32 offset, const xpLpmNhiEntry* entry);
+
+  // The next read of that prefix-table position (or NHI entry) returns `status`, once.
+  void failPrefixEntryReadIs(U32 tableId, U32 offset, XP_STATUS status);
+  void failNhiEntryReadIs(U32 tile, U32 offset, XP_STATUS status);
+
+  U64 reads() const { return reads_; }
+  U64 writes() const { return writes_; }
+
+ private:
+  std::optional<XP_STATUS> injected(std::unordered_map<U64, XP_STATUS>& failures, U64 key);
+
+  xpLpmMemory* memory_;
+  std::unordered_map<U64, XP_STATUS> prefixReadFailures_;
+  std::unordered_map<U64, XP_STATUS> nhiReadFailures_;
+  U64 reads_ = 0;
+  U64 writes_ = 0;
+};
+
+// The whole chip: one LPM memory per family and the next-hop table.
+class xpChip {
+ public:
+  xpChip(const xpLpmTableContext& ipv4, const xpLpmTableContext& ipv6, const xpNhTableContext& nh);
+
+  xpLpmMemory& lpm(bool ipv6) { return ipv6 ? *v6_ : *v4_; }
+  const xpLpmMemory& lpm(bool ipv6) const { return ipv6 ? *v6_ : *v4_; }
+  xpIpRouteLpmMgr& lpmMgr(bool ipv6) { return ipv6 ? v6Mgr_ : v4Mgr_; }
+
+  U32 nextHopEntries() const { return static_cast<U32>(nh_.size()); }
+  XP_STATUS readNextHop(U32 index, xpNhEntry* entry) const;
+  XP_STATUS writeNextHop(U32 index, const xpNhEntry& entry);
+
+ private:
+  std::unique_ptr<xpLpmMemory> v4_, v6_;
+  xpIpRouteLpmMgr v4Mgr_, v6Mgr_;
+  std::vector<xpNhEntry> nh_;
+};
+
+}  // namespace XpXdk
