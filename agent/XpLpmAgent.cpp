@@ -1,4 +1,5 @@
-// The agent: entities, configuration from the chip, state machines and writers.
+// The agent: entities, configuration from the chip, state machines, next-hop
+// groups and writers.
 #include "agent/XpLpmAgent.h"
 
 #include "XpLpmConfigurator/XpLpmConfigurator.h"
@@ -6,14 +7,16 @@
 namespace XpLib {
 namespace Agent {
 
-XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups, U16 groupWidth)
-    : profile_(profile), nextHopGroups_(nextHopGroups ? nextHopGroups : 1), groupWidth_(groupWidth) {
+XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups)
+    : profile_(profile), nextHopGroups_(nextHopGroups ? nextHopGroups : 1) {
   chip_ = std::make_unique<XpXdk::xpChip>(profile.ipv4, profile.ipv6, profile.nextHop);
   systemStatus_ = XpXdk::systemStatusFor(profile);
   configV4_ = XpLpm::configV4Factory("ipv4");
   configV6_ = XpLpm::configV6Factory("ipv6");
   nhConfig_ = XpLpmNextHop::configFactory("nexthop");
   xpLpmConfiguratorFactory(systemStatus_, configV4_, configV6_, nhConfig_, nullptr)->doConfig();
+  nhStatus_ = XpLpmNextHop::statusFactory("nexthop");
+  nhSm_ = XpLpmNextHop::LpmNextHopSmIs("nexthop", nhConfig_, nhStatus_);
   startFamily(v4_, configV4_, "ipv4", false);
   startFamily(v6_, configV6_, "ipv6", true);
 }
@@ -28,9 +31,103 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
   f.writer->drain();
 }
 
-NextHopBlock XpLpmAgent::blockFor(U64 nextHop) const {
-  const U32 group = static_cast<U32>(nextHop % nextHopGroups_);
-  return NextHopBlock(group * groupWidth_, groupWidth_);
+XpLpmAgent::Group& XpLpmAgent::groupIs(SwId group) {
+  if (Group* g = groups_.find(group)) return *g;
+  groups_.set(group, Group{defaultWidth(group), {}});
+  const NextHopBlock before = groupBlock(group);
+  nhConfig_->requestIs(group, defaultWidth(group));
+  applyNextHopChanges(group, before);
+  return *groups_.find(group);
+}
+
+void XpLpmAgent::groupWidthIs(SwId group, Nway width) {
+  groupIs(group).width = width;
+  const NextHopBlock before = groupBlock(group);
+  nhConfig_->requestIs(group, width);
+  applyNextHopChanges(group, before);
+}
+
+void XpLpmAgent::groupDel(SwId group) {
+  Group* g = groups_.find(group);
+  if (!g) return;
+  for (const auto& [prefix, unused] : g->routes) {
+    Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
+    f.config->requestDel(prefix);
+    f.writer->drain();
+    routeGroup_.erase(prefix);
+  }
+  groups_.erase(group);
+  nhConfig_->requestDel(group);
+  applyNextHopChanges(group, NextHopBlock());
+}
+
+void XpLpmAgent::applyNextHopChanges(SwId requested, const NextHopBlock& before) {
+  while (nhStatus_->shuffleCmds() > 0) {
+    Ptr<XpLpmNextHop::ShuffleCmd> cmd = nhStatus_->shuffleCmdQueue().front().second;
+    copyEntries(cmd->prevNextHopBlock(), cmd->nextHopBlock());
+    // The move's own block, not the group's latest: a group that is also being
+    // resized gets its final block only below, once that block is written.
+    repointRoutes(cmd->swId(), cmd->nextHopBlock());
+    nhStatus_->shuffleCmdDeq();
+  }
+  const NextHopBlock after = groupBlock(requested);
+  if (after == before || after == NextHopBlock()) return;
+  writeGroupEntries(requested, after);
+  repointRoutes(requested, after);
+}
+
+// A block may move up over its own old entries, so the copy runs like memmove.
+void XpLpmAgent::copyEntries(const NextHopBlock& from, const NextHopBlock& to) {
+  const U32 src = from.base().value(), dst = to.base().value(), n = to.size().value();
+  for (U32 k = 0; k < n; ++k) {
+    const U32 i = dst > src ? n - 1 - k : k;
+    XpXdk::xpNhEntry e;
+    chip_->readNextHop(src + i, &e);
+    chip_->writeNextHop(dst + i, e);
+    ++counters_.nextHopCopies;
+  }
+}
+
+void XpLpmAgent::writeGroupEntries(SwId group, const NextHopBlock& block) {
+  for (U32 m = 0; m < block.size().value(); ++m) {
+    chip_->writeNextHop(block.base().value() + m, groupEntry(group, m));
+    ++counters_.nextHopWrites;
+  }
+}
+
+void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block) {
+  const Group* g = groups_.find(group);
+  if (!g) return;
+  // Re-requesting may withdraw a route but never changes the group's membership.
+  for (const auto& [prefix, unused] : g->routes) {
+    requestRoute(prefix, block);
+    ++counters_.routesRepointed;
+  }
+}
+
+void XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block) {
+  Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
+  if (block == NextHopBlock()) {
+    f.config->requestDel(prefix);
+    f.writer->drain();
+    return;
+  }
+  const bool wasInstalled = static_cast<bool>(f.sm->prefixToSubTrie(prefix));
+  f.config->requestIs(prefix, block);
+  f.writer->drain();
+  // An installed route whose update found no NHI room still points at the old
+  // block, which another group may soon be given: take it out instead.
+  if (wasInstalled && f.status->prefixToNextHopBlock(prefix) != block) {
+    f.config->requestDel(prefix);
+    f.writer->drain();
+    ++counters_.routesWithdrawnOnMove;
+  }
+}
+
+void XpLpmAgent::leaveGroup(const Ptr<XpLpm::LpmPrefix>& prefix) {
+  const SwId* group = routeGroup_.find(prefix);
+  if (!group) return;
+  if (Group* g = groups_.find(*group)) g->routes.erase(prefix);
 }
 
 Ptr<XpLpm::LpmPrefix> XpLpmAgent::prefixOf(const Route& r) {
@@ -38,15 +135,27 @@ Ptr<XpLpm::LpmPrefix> XpLpmAgent::prefixOf(const Route& r) {
   return configV4_->newLpmPrefix(VrfAndPrefix{r.vrf, r.v4});
 }
 
+Ptr<XpLpm::LpmPrefix> XpLpmAgent::findPrefix(const Route& r) const {
+  if (r.ipv6) return configV6_->lpmPrefix(VrfAndIp6Prefix{r.vrf, r.v6});
+  return configV4_->lpmPrefix(VrfAndPrefix{r.vrf, r.v4});
+}
+
 void XpLpmAgent::routeIs(const Route& r) {
-  Family& f = family(r.ipv6);
-  f.config->requestIs(prefixOf(r), blockFor(r.nextHop));
-  f.writer->drain();
+  Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
+  const SwId group = groupOf(r.nextHop);
+  if (const SwId* held = routeGroup_.find(prefix); held && *held != group) leaveGroup(prefix);
+  groupIs(group).routes.set(prefix, true);
+  routeGroup_.set(prefix, group);
+  requestRoute(prefix, groupBlock(group));
 }
 
 void XpLpmAgent::routeDel(const Route& r) {
+  Ptr<XpLpm::LpmPrefix> prefix = findPrefix(r);
+  if (!prefix) return;
+  leaveGroup(prefix);
+  routeGroup_.erase(prefix);
   Family& f = family(r.ipv6);
-  f.config->requestDel(prefixOf(r));
+  f.config->requestDel(prefix);
   f.writer->drain();
   // A withdrawn route's key object is no longer needed by anyone.
   if (r.ipv6) {
@@ -54,11 +163,6 @@ void XpLpmAgent::routeDel(const Route& r) {
   } else {
     configV4_->lpmPrefixDel(VrfAndPrefix{r.vrf, r.v4});
   }
-}
-
-Ptr<XpLpm::LpmPrefix> XpLpmAgent::findPrefix(const Route& r) const {
-  if (r.ipv6) return configV6_->lpmPrefix(VrfAndIp6Prefix{r.vrf, r.v6});
-  return configV4_->lpmPrefix(VrfAndPrefix{r.vrf, r.v4});
 }
 
 bool XpLpmAgent::installed(const Route& r) {
@@ -69,6 +173,12 @@ bool XpLpmAgent::installed(const Route& r) {
 NextHopBlock XpLpmAgent::installedBlock(const Route& r) {
   Ptr<XpLpm::LpmPrefix> p = findPrefix(r);
   return p ? family(r.ipv6).status->prefixToNextHopBlock(p) : NextHopBlock();
+}
+
+U64 XpLpmAgent::routesWithoutGroupBlock() const {
+  U64 n = 0;
+  for (const auto& [prefix, group] : routeGroup_) n += groupBlock(group) == NextHopBlock();
+  return n;
 }
 
 XpXdk::xpLpmLookupResult XpLpmAgent::lookup(U32 vrf, U32 address) const {

@@ -1,17 +1,35 @@
 // XpLpmAgent: what a forwarding agent writes around the library. It owns the
 // configuration and status entities, derives the configuration from the chip's
-// table contexts, runs one LpmSm per address family, and drains each machine's
-// commands into the chip through a HwWriter after every request.
+// table contexts, runs one LpmSm per address family and the LpmNextHopSm, and
+// writes every change into the chip.
 //
-// Next hops: until groups get blocks of their own, next hop n belongs to group
-// n % nextHopGroups, and group g resolves to the fixed block {g * width, width}.
+// Next-hop groups. Next hop n of a route belongs to group n % nextHopGroups
+// (SwId = the group number), whose width is 1, 2, 4 or 8 in turn over the
+// groups unless set. A group gets its block of the next-hop table from
+// LpmNextHopSm, and a route's NextHopBlock is its group's block. A route whose
+// group has no block (table full) stays unprogrammed and is reported.
+//
+// Order of the two state machines' writes, per next-hop request:
+//   1. the request runs; LpmNextHopSm may compact the table and queue moves;
+//   2. each move, in queue order: the group's entries are copied from the old
+//      block to the new one in the chip, then every route of the group is
+//      re-requested with the new block and its LPM writes drained, before the
+//      next move is touched (a later move may land on this group's old place);
+//   3. the requesting group's new block, if any, is written, then its routes
+//      are re-pointed the same way.
+// The allocator gives a resized group's old block back at once, but nothing
+// else is placed until the next request, and by then no route points there.
+// A route whose re-pointing fails (no NHI room) is withdrawn rather than left
+// on a block that may soon belong to another group.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "XpLpm/XpLpmSm.h"
 #include "XpLpmNextHop/XpLpmNextHop.h"
+#include "XpLpmNextHop/XpLpmNextHopSm.h"
 #include "agent/HwWriter.h"
 #include "xdk/xpChip.h"
 #include "xdk/xpChipProfiles.h"
@@ -20,6 +38,8 @@ namespace XpLib {
 namespace Agent {
 
 using XpLpmNextHop::NextHopBlock;
+using XpLpmNextHop::Nway;
+using XpLpmNextHop::SwId;
 
 // One route as the control plane gives it.
 struct Route {
@@ -32,6 +52,13 @@ struct Route {
   std::string prefixStr() const { return ipv6 ? v6.str() : v4.str(); }
 };
 
+struct AgentCounters {
+  U64 nextHopWrites = 0;       // next-hop table entries written for groups
+  U64 nextHopCopies = 0;       // entries copied by moves
+  U64 routesRepointed = 0;     // route re-requests caused by group moves and resizes
+  U64 routesWithdrawnOnMove = 0;
+};
+
 class XpLpmAgent {
  public:
   struct Family {
@@ -42,7 +69,7 @@ class XpLpmAgent {
   };
 
   // A new chip of this profile, configured and started empty.
-  explicit XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups = 256, U16 groupWidth = 8);
+  explicit XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups = 256);
   ~XpLpmAgent();
 
   const XpXdk::xpChipProfile& profile() const { return profile_; }
@@ -51,13 +78,27 @@ class XpLpmAgent {
   Family& family(bool ipv6) { return ipv6 ? v6_ : v4_; }
   const Family& family(bool ipv6) const { return ipv6 ? v6_ : v4_; }
   const Ptr<XpLpmNextHop::Config>& nextHopConfig() const { return nhConfig_; }
+  const Ptr<XpLpmNextHop::Status>& nextHopStatus() const { return nhStatus_; }
+  const Ptr<XpLpmNextHop::LpmNextHopSm>& nextHopSm() const { return nhSm_; }
+  const AgentCounters& counters() const { return counters_; }
 
-  NextHopBlock blockFor(U64 nextHop) const;
+  // --- next-hop groups
+  SwId groupOf(U64 nextHop) const { return SwId(nextHop % nextHopGroups_); }
+  Nway defaultWidth(SwId group) const { return Nway(static_cast<U16>(1u << (group.value() % 4))); }
+  // Sets a group's width, placing the group if it has no block yet.
+  void groupWidthIs(SwId group, Nway width);
+  // Removes a group; its routes are withdrawn first.
+  void groupDel(SwId group);
+  // The group's block, or the default block when it has none.
+  NextHopBlock groupBlock(SwId group) const { return nhStatus_->swIdToNextHopBlock(group); }
+  // What the agent writes into each entry of a group's block: the group and the member.
+  static XpXdk::xpNhEntry groupEntry(SwId group, U32 member) { return XpXdk::xpNhEntry{(group.value() << 16) | member}; }
+
+  // --- routes
   // The configuration's one prefix object for a route's key, created on first use.
   Ptr<XpLpm::LpmPrefix> prefixOf(const Route& r);
   // The same without creating it: null for a key the agent never requested.
   Ptr<XpLpm::LpmPrefix> findPrefix(const Route& r) const;
-
   // Requests the route (or changes its next hop) and writes the chip.
   void routeIs(const Route& r);
   // Withdraws the route and writes the chip.
@@ -65,22 +106,42 @@ class XpLpmAgent {
   // Whether the route is placed in the chip, and with which block.
   bool installed(const Route& r);
   NextHopBlock installedBlock(const Route& r);
+  // Routes wanted but unprogrammed because their group has no block.
+  U64 routesWithoutGroupBlock() const;
 
   XpXdk::xpLpmLookupResult lookup(U32 vrf, U32 address) const;
   XpXdk::xpLpmLookupResult lookup(U32 vrf, const Ip6Prefix::Bytes& address) const;
 
  private:
+  struct Group {
+    Nway width;
+    XpLpm::LpmPrefixMap<bool> routes;  // the group's routes, of both families
+  };
+
   void startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6);
+  Group& groupIs(SwId group);
+  // Applies what the last next-hop request changed: moves, then the group's own block.
+  void applyNextHopChanges(SwId requested, const NextHopBlock& before);
+  void writeGroupEntries(SwId group, const NextHopBlock& block);
+  void copyEntries(const NextHopBlock& from, const NextHopBlock& to);
+  // Re-requests every route of the group with `block`.
+  void repointRoutes(SwId group, const NextHopBlock& block);
+  void requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block);
+  void leaveGroup(const Ptr<XpLpm::LpmPrefix>& prefix);
 
   XpXdk::xpChipProfile profile_;
   U32 nextHopGroups_;
-  U16 groupWidth_;
   std::unique_ptr<XpXdk::xpChip> chip_;
   Ptr<XpSystem::SystemStatus> systemStatus_;
   Ptr<XpLpm::ConfigV4> configV4_;
   Ptr<XpLpm::ConfigV6> configV6_;
   Ptr<XpLpmNextHop::Config> nhConfig_;
+  Ptr<XpLpmNextHop::Status> nhStatus_;
+  Ptr<XpLpmNextHop::LpmNextHopSm> nhSm_;
   Family v4_, v6_;
+  HashMap<SwId, Group> groups_;
+  XpLpm::LpmPrefixMap<SwId> routeGroup_;  // every wanted route and its group
+  AgentCounters counters_;
 };
 
 }  // namespace Agent

@@ -306,7 +306,9 @@ XP_STATUS xpIpRouteLpmMgr::readPrefixEntry(U32, U32 tableId, U32 offset, xpLpmPr
 XP_STATUS xpIpRouteLpmMgr::writePrefixEntry(U32, U32 tableId, U32 offset, const xpLpmPrefixEntry* entry) {
   ++writes_;
   if (!entry) return XP_ERR_INVALID_ARG;
-  return memory_->writePrefixEntry(tableId, offset, *entry);
+  const XP_STATUS status = memory_->writePrefixEntry(tableId, offset, *entry);
+  if (afterWrite_ && *afterWrite_) (*afterWrite_)();
+  return status;
 }
 
 XP_STATUS xpIpRouteLpmMgr::readNhiEntry(U32, U32 tile, U32 offset, xpLpmNhiEntry* entry, U32) {
@@ -318,7 +320,9 @@ XP_STATUS xpIpRouteLpmMgr::readNhiEntry(U32, U32 tile, U32 offset, xpLpmNhiEntry
 XP_STATUS xpIpRouteLpmMgr::writeNhiEntry(U32, U32 tile, U32 offset, const xpLpmNhiEntry* entry) {
   ++writes_;
   if (!entry) return XP_ERR_INVALID_ARG;
-  return memory_->writeNhiEntry(tile, offset, *entry);
+  const XP_STATUS status = memory_->writeNhiEntry(tile, offset, *entry);
+  if (afterWrite_ && *afterWrite_) (*afterWrite_)();
+  return status;
 }
 
 void xpIpRouteLpmMgr::failPrefixEntryReadIs(U32 tableId, U32 offset, XP_STATUS status) {
@@ -355,7 +359,20 @@ XP_STATUS xpChip::readNextHop(U32 index, xpNhEntry* entry) const {
 XP_STATUS xpChip::writeNextHop(U32 index, const xpNhEntry& entry) {
   if (index >= nh_.size()) return XP_ERR_OUT_OF_RANGE;
   nh_[index] = entry;
+  if (afterWrite_) afterWrite_();
   return XP_NO_ERR;
+}
+
+void xpChip::afterWriteIs(std::function<void()> f) {
+  afterWrite_ = std::move(f);
+  v4Mgr_.afterWriteIs(&afterWrite_);
+  v6Mgr_.afterWriteIs(&afterWrite_);
+}
+
+const xpNhEntry* xpChip::resolve(const xpLpmLookupResult& r, U64 selector) const {
+  if (!r.hit || r.nextHopBlock.size == 0 || r.nextHopBlock.size == 0xFFFF) return nullptr;
+  const U64 index = U64(r.nextHopBlock.base) + selector % r.nextHopBlock.size;
+  return index < nh_.size() ? &nh_[index] : nullptr;
 }
 
 }  // namespace XpXdk

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -92,6 +93,8 @@ class xpIpRouteLpmMgr {
 
   U64 reads() const { return reads_; }
   U64 writes() const { return writes_; }
+  // Called after every write, for tests that watch the chip between writes.
+  void afterWriteIs(const std::function<void()>* f) { afterWrite_ = f; }
 
  private:
   std::optional<XP_STATUS> injected(std::unordered_map<U64, XP_STATUS>& failures, U64 key);
@@ -101,12 +104,15 @@ class xpIpRouteLpmMgr {
   std::unordered_map<U64, XP_STATUS> nhiReadFailures_;
   U64 reads_ = 0;
   U64 writes_ = 0;
+  const std::function<void()>* afterWrite_ = nullptr;
 };
 
 // The whole chip: one LPM memory per family and the next-hop table.
 class xpChip {
  public:
   xpChip(const xpLpmTableContext& ipv4, const xpLpmTableContext& ipv6, const xpNhTableContext& nh);
+  xpChip(const xpChip&) = delete;
+  xpChip& operator=(const xpChip&) = delete;
 
   xpLpmMemory& lpm(bool ipv6) { return ipv6 ? *v6_ : *v4_; }
   const xpLpmMemory& lpm(bool ipv6) const { return ipv6 ? *v6_ : *v4_; }
@@ -115,11 +121,19 @@ class xpChip {
   U32 nextHopEntries() const { return static_cast<U32>(nh_.size()); }
   XP_STATUS readNextHop(U32 index, xpNhEntry* entry) const;
   XP_STATUS writeNextHop(U32 index, const xpNhEntry& entry);
+  // The next-hop entry a looked-up packet reaches: member `selector % size` of
+  // the matched block (the packet's flow hash picks the member). Null on a miss
+  // or a block outside the table.
+  const xpNhEntry* resolve(const xpLpmLookupResult& r, U64 selector) const;
+  // A hook run after every write to any of the chip's tables, so that a test can
+  // check forwarding between two writes; none by default.
+  void afterWriteIs(std::function<void()> f);
 
  private:
   std::unique_ptr<xpLpmMemory> v4_, v6_;
   xpIpRouteLpmMgr v4Mgr_, v6Mgr_;
   std::vector<xpNhEntry> nh_;
+  std::function<void()> afterWrite_;
 };
 
 }  // namespace XpXdk

@@ -58,13 +58,18 @@ TEST(AgentEndToEndTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 rng(seed);
   std::mt19937_64 probeRng(seed);
-  XpLpmAgent agent(*XpXdk::findChipProfile("small"), 16);
+  // A next-hop table that 16 groups of up to 12 entries fill: resizes compact it.
+  XpXdk::xpChipProfile profile = *XpXdk::findChipProfile("small");
+  profile.nextHop.rowBlkInc = 128;
+  XpLpmAgent agent(profile, 16);
   std::vector<Route> pool = clusteredRoutes(rng, 300, 300);
 
   U64 probes = 0, mismatches = 0, installs = 0;
   for (int op = 1; op <= 100000; ++op) {
     Route r = pool[rng() % pool.size()];
-    if (rng() % 3 == 0) {
+    if (rng() % 20 == 0) {
+      agent.groupWidthIs(SwId(rng() % 16), Nway(static_cast<U16>(1 + rng() % 12)));
+    } else if (rng() % 3 == 0) {
       agent.routeDel(r);
       ASSERT_FALSE(agent.installed(r));
     } else {
@@ -80,14 +85,18 @@ TEST(AgentEndToEndTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
     }
   }
   for (bool v6 : {false, true}) EXPECT_EQ(agent.family(v6).writer->counters().errors, 0u);
-  std::printf("[ e2e ] probes %llu mismatches %llu installs %llu writes %llu skipped %llu\n",
+  std::printf("[ e2e ] probes %llu mismatches %llu installs %llu repointed %llu defrags %llu writes %llu skipped %llu\n",
               (unsigned long long)probes, (unsigned long long)mismatches, (unsigned long long)installs,
+              (unsigned long long)agent.counters().routesRepointed,
+              (unsigned long long)agent.nextHopSm()->numNhBlockDefrag(),
               (unsigned long long)(agent.family(false).writer->counters().writes() +
                                    agent.family(true).writer->counters().writes()),
               (unsigned long long)(agent.family(false).writer->counters().skipped() +
                                    agent.family(true).writer->counters().skipped()));
   EXPECT_GT(probes, 100000u);
   EXPECT_GT(installs, 10000u);
+  EXPECT_GT(agent.nextHopSm()->numNhBlockDefrag(), 0u);
+  EXPECT_GT(agent.counters().routesRepointed, 1000u);
 }
 
 }  // namespace
