@@ -1,4 +1,7 @@
-// Self-check of one installed route, and table dumps into the trace facility.
+// Diagnostics: the operator's summaries and table prints, table dumps into the
+// trace facility, and the self-check of one installed route.
+#include <cstdio>
+
 #include "XpLpm/XpLpmSm.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
@@ -39,6 +42,90 @@ void LpmSm::verifyLpmRoute(const Ptr<LpmPrefix>& prefix) const {
   const U32 expectedBlkSize = nhiBlockSize(subTrie->maxPrefixSlot());
   XP_ASSERT_V(blk->blkSz() == expectedBlkSize, " prefix " << *prefix << " subtrie " << *subTrie << " blkSz "
                                                           << blk->blkSz() << " expectedBlkSize " << expectedBlkSize);
+}
+
+U32 LpmSm::numSharedNhiBlocks() const {
+  U32 shared = 0;
+  for (const auto& [base, set] : nhiBaseIdxToSubTrie_) shared += set->subTries() > 1;
+  return shared;
+}
+
+void LpmSm::showSoftwareSummary(int fd) const {
+  dprintf(fd, "\nIPv%c Lpm Summary\n", config_->addressFamily() == AddressFamily::ipv6 ? '6' : '4');
+  dprintf(fd, " Hash shuffling enabled: %s\n", hashShufflingEnabled_ ? "True" : "False");
+  if (hashShufflingEnabled_) {
+    dprintf(fd, "  attempts: %llu, success: %llu\n", (unsigned long long)numHashShufflingAttempt_,
+            (unsigned long long)numHashShufflingSuccess_);
+  }
+  dprintf(fd, " Nexthop index block overflows: %llu, defrags: %llu, shared: %u\n", (unsigned long long)numNhiOverflow_,
+          (unsigned long long)numNhiBlockDefrag_, numSharedNhiBlocks());
+}
+
+void LpmSm::printPrefixTables(int fd) const {
+  for (const auto& [id, table] : prefixTable_) {
+    U32 totalPrefixes = 0;
+    for (const auto& [idx, subTrie] : table->subTrieMap()) totalPrefixes += subTrie->numPrefixes();
+    dprintf(fd, "{");
+    dprintf(fd, "'prefixTblId':%u,", id.value());
+    dprintf(fd, "'prefixTblTread':%u,", table->tableConfig()->tread());
+    dprintf(fd, "'subTries':%u,", table->subTries());
+    dprintf(fd, "'totalPrefixes':%u,", totalPrefixes);
+    dprintf(fd, "'subTriesCapacity':%u,", table->tableConfig()->depth());
+    dprintf(fd, "},");
+  }
+}
+
+void LpmSm::printNhiTiles(int fd) const {
+  for (const auto& [tile, allocator] : nhiAllocator_) {
+    dprintf(fd, "{");
+    dprintf(fd, "'tileId':%u,", tile.value());
+    dprintf(fd, "'freeEntries':%u,", allocator->freeEntries());
+    dprintf(fd, "'entriesCapacity':%u,", allocator->entriesCapacity());
+    dprintf(fd, "},");
+  }
+}
+
+void LpmSm::printSubTrieInfo(int fd) const {
+  static const char* const kModes[] = {"'mode':'sparse',", "'mode':'bitmap',", "'mode':'cpe',"};
+  for (const auto& [id, table] : prefixTable_) {
+    dprintf(fd, "{");
+    dprintf(fd, "'prefixTblId':%u,", id.value());
+    dprintf(fd, "'prefixTblTread':%u,", table->tableConfig()->tread());
+    dprintf(fd, "'subTries':[");
+    for (const auto& [idx, st] : table->subTrieMap()) {
+      dprintf(fd, "{");
+      dprintf(fd, "'index':%u,", idx.value());
+      dprintf(fd, "'branchLen':%u,", st->branchLen());
+      dprintf(fd, "'stride':%u,", st->stride());
+      dprintf(fd, "%s", st->mode() <= modeCpe ? kModes[st->mode()] : "'mode':'unknown',");
+      dprintf(fd, "'maxPrefixSlot':%u,", st->maxPrefixSlot());
+      dprintf(fd, "'nhiTile':%u,", st->nhiBaseIdx().tile().value());
+      dprintf(fd, "'nhiOffset':%u,", st->nhiBaseIdx().offset());
+      dprintf(fd, "'nhiBlkSize':%u,", st->nhiBlkSize());
+      dprintf(fd, "'prefixes':[");
+      for (U32 slot = 0; slot < st->slots().size(); ++slot) {
+        const Ptr<LpmPrefix>& p = st->slots()[slot];
+        if (!p) continue;
+        const bool v6 = p->addressFamily() == AddressFamily::ipv6;
+        const U32 vrf = v6 ? static_cast<const LpmPrefixV6&>(*p).vrfAndIp6Prefix().vrf
+                           : static_cast<const LpmPrefixV4&>(*p).vrfAndPrefix().vrf;
+        const std::string text = v6 ? static_cast<const LpmPrefixV6&>(*p).vrfAndIp6Prefix().prefix.str()
+                                    : static_cast<const LpmPrefixV4&>(*p).vrfAndPrefix().prefix.str();
+        dprintf(fd, "{");
+        dprintf(fd, "'slot':%u,", slot);
+        dprintf(fd, "'lpmPrefix': {");
+        dprintf(fd, "'vrf':%d,", static_cast<int>(vrf));
+        dprintf(fd, "'prefix':'%s',", text.c_str());
+        dprintf(fd, "},");
+        dprintf(fd, "'nhBlock':'%s',", st->nhiInfoKey().slotToNextHopBlock(static_cast<U8>(slot)).str().c_str());
+        dprintf(fd, "},");
+      }
+      dprintf(fd, "],");
+      dprintf(fd, "},");
+    }
+    dprintf(fd, "],");
+    dprintf(fd, "},");
+  }
 }
 
 void LpmSm::dumpPrefixTable(const Ptr<PrefixTable>& prefixTable) const {

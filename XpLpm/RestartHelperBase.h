@@ -1,10 +1,21 @@
 // RestartHelperBase: rebuilds a state machine's model from what the chip holds
-// after an agent restart. The chip-specific derived class knows how a route key
-// is rebuilt from hardware bits and how a stale route is dropped.
+// after an agent restart. It reads every prefix-table entry and the NHI entries
+// behind each valid one, and rebuilds sub-tries, NHI blocks, sharing records
+// and installed routes; recovered routes are recorded as requested with the
+// next-hop blocks the hardware holds. It queues no command: the hardware
+// already holds what is rebuilt. The chip-specific derived class knows how a
+// route key is rebuilt from hardware bits (createPrefix) and how a route found
+// in an entry that turns out invalid is dropped (deletePrefix).
 #pragma once
 
+#include <string>
+#include <vector>
+
+#include "XpLpm/Config.h"
 #include "XpLpm/LpmPrefix.h"
+#include "XpLpm/Status.h"
 #include "platform/Ptr.h"
+#include "xdk/xpChip.h"
 
 namespace XpLib {
 namespace XpLpm {
@@ -13,10 +24,52 @@ class LpmSm;
 
 class RestartHelperBase : public PtrInterface {
  public:
-  // Reads every prefix-table entry and the NHI entries behind it and rebuilds
-  // the machine's sub-tries, NHI blocks, sharing records and installed routes;
-  // clears entries that do not parse when removeStale is set. 0 when done.
-  virtual int doRestart(bool removeStale, LpmSm* lpmSm) = 0;
+  RestartHelperBase(const Ptr<ConfigBase>& config, const Ptr<Status>& lpmStatus);
+
+  const Ptr<ConfigBase>& config() const { return config_; }
+  const Ptr<Status>& lpmStatus() const { return lpmStatus_; }
+  LpmSm* lpmSm() const { return lpmSm_; }
+  virtual void lpmSmIs(LpmSm* sm) { lpmSm_ = sm; }
+  XpXdk::xpIpRouteLpmMgr* xdkLpmMgr() const { return xdkLpmMgr_; }
+  void xdkLpmMgrIs(XpXdk::xpIpRouteLpmMgr* mgr) { xdkLpmMgr_ = mgr; }
+
+  // The route key of one occupied slot, from the sub-trie's branch and the slot's leaf words.
+  virtual Ptr<LpmPrefix> createPrefix(const SubTrieBranch& branch, U8 branchLen, const U64& leafVal,
+                                      const U64& leafValHigh, U8 stride);
+  // Drops a route found in an entry that turned out invalid.
+  virtual void deletePrefix(const Ptr<LpmPrefix>& prefix);
+
+  // Rebuilds the machine from the hardware; clears entries that do not parse
+  // when removeStale is set. 0 when done.
+  int doRestart(bool removeStale, LpmSm* lpmSm);
+
+  // What the last doRestart saw, for reports.
+  struct Counts {
+    U64 entriesRead = 0;
+    U64 entriesEmpty = 0;
+    U64 entriesInvalid = 0;
+    U64 entriesCleared = 0;
+    U64 subTries = 0;
+    U64 routes = 0;
+  };
+  const Counts& counts() const { return counts_; }
+
+ private:
+  struct Place {
+    Ptr<LpmPrefix> prefix;  // null: an empty slot
+  };
+  // Parses one entry into its places; returns the reason it is invalid, or empty.
+  std::string parsePrefixTableEntry(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table, U32 offset,
+                                    SubTrieBranch& branch, std::vector<Place>& places);
+  void rebuild(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table, U32 offset,
+               const SubTrieBranch& branch, const std::vector<Place>& places);
+  void dropInvalid(bool removeStale, U32 tableId, U32 offset, const std::vector<Place>& places);
+
+  Ptr<ConfigBase> config_;
+  Ptr<Status> lpmStatus_;
+  LpmSm* lpmSm_ = nullptr;
+  XpXdk::xpIpRouteLpmMgr* xdkLpmMgr_ = nullptr;
+  Counts counts_;
 };
 
 }  // namespace XpLpm

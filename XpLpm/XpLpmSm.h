@@ -98,7 +98,13 @@ class LpmSm : public PtrInterface {
   void generatePrefixTableIdxDeleteWriteCmd(const Ptr<PrefixTable>& prefixTable, PrefixTableIdx idx,
                                             const Ptr<SubTrie>& subTrie);
 
-  // --- diagnostics and self-check
+  // --- diagnostics and self-check; the print* outputs are the operator's show commands
+  void showSoftwareSummary(int fd) const;
+  void printPrefixTables(int fd) const;
+  void printSubTrieInfo(int fd) const;
+  void printNhiTiles(int fd) const;
+  // NHI blocks used by more than one sub-trie.
+  U32 numSharedNhiBlocks() const;
   void verifyLpmRoute(const Ptr<LpmPrefix>& prefix) const;
   void dumpPrefixTable(const Ptr<PrefixTable>& prefixTable) const;
   void dumpPrefixTables() const;

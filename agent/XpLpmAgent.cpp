@@ -2,33 +2,134 @@
 // groups and writers.
 #include "agent/XpLpmAgent.h"
 
+#include <chrono>
+#include <map>
+
 #include "XpLpmConfigurator/XpLpmConfigurator.h"
+#include "agent/AgentRestartHelper.h"
 
 namespace XpLib {
 namespace Agent {
 
 XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups)
     : profile_(profile), nextHopGroups_(nextHopGroups ? nextHopGroups : 1) {
-  chip_ = std::make_unique<XpXdk::xpChip>(profile.ipv4, profile.ipv6, profile.nextHop);
-  systemStatus_ = XpXdk::systemStatusFor(profile);
+  chip_ = std::make_shared<XpXdk::xpChip>(profile.ipv4, profile.ipv6, profile.nextHop);
+  configure();
+  startFamily(v4_, configV4_, "ipv4", false, false);
+  startFamily(v6_, configV6_, "ipv6", true, false);
+}
+
+XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip, U32 nextHopGroups)
+    : profile_(profile), nextHopGroups_(nextHopGroups ? nextHopGroups : 1), chip_(std::move(chip)) {
+  configure();
+  startFamily(v4_, configV4_, "ipv4", false, true);
+  startFamily(v6_, configV6_, "ipv6", true, true);
+  restoreGroups();
+}
+
+XpLpmAgent::~XpLpmAgent() = default;
+
+void XpLpmAgent::configure() {
+  systemStatus_ = XpXdk::systemStatusFor(profile_);
   configV4_ = XpLpm::configV4Factory("ipv4");
   configV6_ = XpLpm::configV6Factory("ipv6");
   nhConfig_ = XpLpmNextHop::configFactory("nexthop");
   xpLpmConfiguratorFactory(systemStatus_, configV4_, configV6_, nhConfig_, nullptr)->doConfig();
   nhStatus_ = XpLpmNextHop::statusFactory("nexthop");
   nhSm_ = XpLpmNextHop::LpmNextHopSmIs("nexthop", nhConfig_, nhStatus_);
-  startFamily(v4_, configV4_, "ipv4", false);
-  startFamily(v6_, configV6_, "ipv6", true);
 }
 
-XpLpmAgent::~XpLpmAgent() = default;
-
-void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6) {
+void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6,
+                             bool warm) {
   f.config = config;
   f.status = XpLpm::statusFactory(name);
-  f.sm = XpLpm::LpmSmIs(name, config, f.status, nullptr);
+  Ptr<AgentRestartHelper> helper;
+  if (warm) {
+    config->restartModeIs(XpLpm::modeRestartNormal);
+    helper = makePtr<AgentRestartHelper>(config, f.status);
+    helper->xdkLpmMgrIs(&chip_->lpmMgr(ipv6));
+  }
+  const auto t0 = std::chrono::steady_clock::now();
+  f.sm = XpLpm::LpmSmIs(name, config, f.status, helper);
   f.writer = std::make_unique<HwWriter>(f.status, config, &chip_->lpmMgr(ipv6));
   f.writer->drain();
+  if (!warm) return;
+  // A route recovered from an earlier entry and then met again in an invalid one
+  // lost its request but is still placed: let the machine take it out.
+  std::vector<Ptr<XpLpm::LpmPrefix>> orphans;
+  for (const auto& [prefix, subTrie] : f.sm->prefixToSubTrieMap())
+    if (config->request(prefix) == NextHopBlock()) orphans.push_back(prefix);
+  for (const auto& prefix : orphans) f.sm->handleRequest(prefix);
+  f.writer->drain();
+  restartReport_.seconds[ipv6] = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  restartReport_.routesRecovered[ipv6] = helper->counts().routes;
+  restartReport_.entriesInvalid[ipv6] = helper->counts().entriesInvalid;
+}
+
+void XpLpmAgent::restoreGroups() {
+  // The blocks the recovered routes point at, by base; each one's entries name
+  // its group. Entries no route points at are leftovers of blocks given up.
+  std::map<U32, std::pair<SwId, U16>> blocks;
+  for (bool v6 : {false, true}) {
+    for (const auto& [prefix, block] : family(v6).config->requestMap()) {
+      XpXdk::xpNhEntry e;
+      const U32 base = block.base().value();
+      if (blocks.count(base) || chip_->readNextHop(base, &e) != XpXdk::XP_NO_ERR) continue;
+      if (!(e.data & kGroupEntryValid) || memberOfEntry(e) != 0) continue;
+      blocks[base] = {groupOfEntry(e), block.size().value()};
+    }
+  }
+  // Fillers stand in the gaps so that each group lands at its old base.
+  std::vector<SwId> fillers;
+  const U32 maxBlock = nhSm_->allocator()->maxBlkSz();
+  U64 nextFiller = U64(1) << 47;
+  auto fill = [&](U32 from, U32 to) {
+    while (from < to) {
+      const U32 n = std::min(to - from, maxBlock);
+      fillers.push_back(SwId(nextFiller++));
+      nhConfig_->requestIs(fillers.back(), Nway(static_cast<U16>(n)));
+      from += n;
+    }
+  };
+  U32 cursor = 0;
+  for (const auto& [base, group] : blocks) {
+    if (groups_.contains(group.first)) continue;
+    fill(cursor, base);
+    groups_.set(group.first, Group{Nway(group.second), {}});
+    nhConfig_->requestIs(group.first, Nway(group.second));
+    ++restartReport_.groupsRestored;
+    if (groupBlock(group.first).base().value() != base) ++restartReport_.groupsMisplaced;
+    cursor = base + group.second;
+  }
+  for (SwId f : fillers) nhConfig_->requestDel(f);
+  while (nhStatus_->shuffleCmds()) nhStatus_->shuffleCmdDeq();
+}
+
+XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& wanted) {
+  ReconcileReport report;
+  for (const Route& r : wanted) {
+    Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
+    const NextHopBlock before = family(r.ipv6).config->request(prefix);
+    routeIs(r);
+    const NextHopBlock after = family(r.ipv6).config->request(prefix);
+    if (before == NextHopBlock()) {
+      ++report.added;
+    } else {
+      before == after ? ++report.kept : ++report.changed;
+    }
+  }
+  for (bool v6 : {false, true}) {
+    Family& f = family(v6);
+    std::vector<Ptr<XpLpm::LpmPrefix>> unwanted;
+    for (const auto& [prefix, block] : f.config->requestMap())
+      if (!routeGroup_.contains(prefix)) unwanted.push_back(prefix);
+    for (const auto& prefix : unwanted) {
+      f.config->requestDel(prefix);
+      f.writer->drain();
+      ++report.withdrawn;
+    }
+  }
+  return report;
 }
 
 XpLpmAgent::Group& XpLpmAgent::groupIs(SwId group) {
@@ -90,7 +191,10 @@ void XpLpmAgent::copyEntries(const NextHopBlock& from, const NextHopBlock& to) {
 
 void XpLpmAgent::writeGroupEntries(SwId group, const NextHopBlock& block) {
   for (U32 m = 0; m < block.size().value(); ++m) {
-    chip_->writeNextHop(block.base().value() + m, groupEntry(group, m));
+    XpXdk::xpNhEntry held;
+    const XpXdk::xpNhEntry want = groupEntry(group, m);
+    if (chip_->readNextHop(block.base().value() + m, &held) == XpXdk::XP_NO_ERR && held == want) continue;
+    chip_->writeNextHop(block.base().value() + m, want);
     ++counters_.nextHopWrites;
   }
 }

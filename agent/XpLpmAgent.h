@@ -21,6 +21,18 @@
 // else is placed until the next request, and by then no route points there.
 // A route whose re-pointing fails (no NHI room) is withdrawn rather than left
 // on a block that may soon belong to another group.
+//
+// Warm restart. A new agent can be started over a chip that kept its memory.
+// Each LpmSm then rebuilds its model from the chip (AgentRestartHelper) and
+// replays it; the groups get back the blocks they had. LpmNextHopSm cannot be
+// told where to place a block, but on an empty table its best fit takes the
+// lowest free entries, so the agent requests the recovered groups in ascending
+// base order, with filler groups standing in the gaps, then drops the fillers:
+// the manager's own allocation reproduces the recovered layout exactly. The
+// groups are the blocks the recovered routes point at, named by the entries of
+// the next-hop table (each holds its group and member). reconcile() then
+// brings the recovered routes in line with the routes wanted: unchanged ones
+// write nothing.
 #pragma once
 
 #include <memory>
@@ -70,11 +82,15 @@ class XpLpmAgent {
 
   // A new chip of this profile, configured and started empty.
   explicit XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups = 256);
+  // A warm restart over a chip that kept its memory: the model is rebuilt from it.
+  XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip, U32 nextHopGroups = 256);
   ~XpLpmAgent();
 
   const XpXdk::xpChipProfile& profile() const { return profile_; }
   XpXdk::xpChip& chip() { return *chip_; }
   const XpXdk::xpChip& chip() const { return *chip_; }
+  // The chip, for a later agent to restart over.
+  const std::shared_ptr<XpXdk::xpChip>& sharedChip() const { return chip_; }
   Family& family(bool ipv6) { return ipv6 ? v6_ : v4_; }
   const Family& family(bool ipv6) const { return ipv6 ? v6_ : v4_; }
   const Ptr<XpLpmNextHop::Config>& nextHopConfig() const { return nhConfig_; }
@@ -92,7 +108,13 @@ class XpLpmAgent {
   // The group's block, or the default block when it has none.
   NextHopBlock groupBlock(SwId group) const { return nhStatus_->swIdToNextHopBlock(group); }
   // What the agent writes into each entry of a group's block: the group and the member.
-  static XpXdk::xpNhEntry groupEntry(SwId group, U32 member) { return XpXdk::xpNhEntry{(group.value() << 16) | member}; }
+  // The top bit tells a written entry from a never-written one.
+  static constexpr U64 kGroupEntryValid = U64(1) << 63;
+  static XpXdk::xpNhEntry groupEntry(SwId group, U32 member) {
+    return XpXdk::xpNhEntry{kGroupEntryValid | (group.value() << 16) | member};
+  }
+  static SwId groupOfEntry(const XpXdk::xpNhEntry& e) { return SwId((e.data & ~kGroupEntryValid) >> 16); }
+  static U32 memberOfEntry(const XpXdk::xpNhEntry& e) { return static_cast<U32>(e.data & 0xFFFF); }
 
   // --- routes
   // The configuration's one prefix object for a route's key, created on first use.
@@ -112,13 +134,32 @@ class XpLpmAgent {
   XpXdk::xpLpmLookupResult lookup(U32 vrf, U32 address) const;
   XpXdk::xpLpmLookupResult lookup(U32 vrf, const Ip6Prefix::Bytes& address) const;
 
+  // --- warm restart
+  struct RestartReport {
+    U64 routesRecovered[2] = {0, 0};  // by family: IPv4, IPv6
+    U64 entriesInvalid[2] = {0, 0};
+    double seconds[2] = {0, 0};
+    U64 groupsRestored = 0;
+    U64 groupsMisplaced = 0;  // groups the manager did not put back at their old base
+  };
+  struct ReconcileReport {
+    U64 kept = 0, changed = 0, added = 0, withdrawn = 0;
+  };
+  const RestartReport& restartReport() const { return restartReport_; }
+  // After a warm restart: requests every wanted route and withdraws recovered
+  // routes that are no longer wanted.
+  ReconcileReport reconcile(const std::vector<Route>& wanted);
+
  private:
   struct Group {
     Nway width;
     XpLpm::LpmPrefixMap<bool> routes;  // the group's routes, of both families
   };
 
-  void startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6);
+  void configure();
+  void startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6, bool warm);
+  // Re-places the groups of the recovered routes at their old blocks.
+  void restoreGroups();
   Group& groupIs(SwId group);
   // Applies what the last next-hop request changed: moves, then the group's own block.
   void applyNextHopChanges(SwId requested, const NextHopBlock& before);
@@ -131,7 +172,7 @@ class XpLpmAgent {
 
   XpXdk::xpChipProfile profile_;
   U32 nextHopGroups_;
-  std::unique_ptr<XpXdk::xpChip> chip_;
+  std::shared_ptr<XpXdk::xpChip> chip_;
   Ptr<XpSystem::SystemStatus> systemStatus_;
   Ptr<XpLpm::ConfigV4> configV4_;
   Ptr<XpLpm::ConfigV6> configV6_;
@@ -142,6 +183,7 @@ class XpLpmAgent {
   HashMap<SwId, Group> groups_;
   XpLpm::LpmPrefixMap<SwId> routeGroup_;  // every wanted route and its group
   AgentCounters counters_;
+  RestartReport restartReport_;
 };
 
 }  // namespace Agent

@@ -46,7 +46,7 @@ inline bool sameAnswer(const XpLpmAgent& agent, const XpXdk::xpLpmLookupResult& 
   const XpXdk::xpNhEntry* entry = agent.chip().resolve(chip, selector);
   const SwId owner = agent.nextHopSm()->baseIdxToSwId(XpLpmNextHop::NextHopTableIdx(chip.nextHopBlock.base));
   return entry && owner != SwId() && agent.groupBlock(owner) == ref->block &&
-         (entry->data >> 16) == owner.value() && (entry->data & 0xFFFF) == selector % chip.nextHopBlock.size;
+         XpLpmAgent::groupOfEntry(*entry) == owner && XpLpmAgent::memberOfEntry(*entry) == selector % chip.nextHopBlock.size;
 }
 
 inline Ip6Prefix::Bytes lastAddress(const Ip6Prefix& p) {

@@ -82,7 +82,7 @@ TEST(NextHopGroupTest, RoutesNeverForwardElsewhereWhileTheirGroupsMove) {
       const auto hit = agent.lookup(r.vrf, r.v4.address());
       const XpXdk::xpNhEntry* e = agent.chip().resolve(hit, r.v4.address());
       ++checks;
-      if (!e || (e->data >> 16) != agent.groupOf(r.nextHop).value()) ++wrong;
+      if (!e || XpLpmAgent::groupOfEntry(*e) != agent.groupOf(r.nextHop)) ++wrong;
     }
   });
   for (int op = 0; op < 300; ++op) agent.groupWidthIs(SwId(rng() % 8), Nway(static_cast<U16>(1 + rng() % 12)));

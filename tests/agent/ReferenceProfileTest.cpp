@@ -6,6 +6,7 @@
 #include <random>
 
 #include "ForwardingCheck.h"
+#include "ModelSnapshot.h"
 #include "agent/ChipReport.h"
 #include "support/RouteTables.h"
 
@@ -24,7 +25,8 @@ constexpr int kRandomProbes = 1000000;
 
 TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
   const auto t0 = std::chrono::steady_clock::now();
-  XpLpmAgent agent(*XpXdk::findChipProfile("reference"));
+  auto first = std::make_unique<XpLpmAgent>(*XpXdk::findChipProfile("reference"));
+  XpLpmAgent& agent = *first;
   U64 failed = 0;
   for (bool v6 : {false, true}) {
     for (const Route& r : xplpm_test::realRoutes(v6)) {
@@ -81,6 +83,44 @@ TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
   }
   std::printf("[ time ] programmed in %.2f s, %llu probes, %.2f s in all\n", programmed,
               (unsigned long long)c.probes, total);
+
+  // A warm restart over the same chip rebuilds the same model and, with the
+  // same routes wanted, writes nothing; forwarding is unchanged.
+  std::string before[2];
+  U64 misfiled[2];
+  for (bool f : {false, true}) {
+    before[f] = test::modelSnapshot(*agent.family(f).sm);
+    misfiled[f] = test::misfiledNhiBlocks(*agent.family(f).sm);
+  }
+  std::shared_ptr<XpXdk::xpChip> chip = agent.sharedChip();
+  first.reset();
+  XpLpmAgent second(*XpXdk::findChipProfile("reference"), chip);
+  std::vector<Route> wanted = xplpm_test::realRoutes(false);
+  wanted.insert(wanted.end(), xplpm_test::realRoutes(true).begin(), xplpm_test::realRoutes(true).end());
+  const auto t1 = std::chrono::steady_clock::now();
+  const auto reconciled = second.reconcile(wanted);
+  const double reconcileSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t1).count();
+  EXPECT_EQ(reconciled.changed + reconciled.added + reconciled.withdrawn, 0u);
+  EXPECT_EQ(second.restartReport().groupsMisplaced, 0u);
+  for (bool f : {false, true}) {
+    const std::string after = test::modelSnapshot(*second.family(f).sm);
+    EXPECT_TRUE(after == before[f]) << test::snapshotDiff(before[f], after);
+    EXPECT_EQ(second.family(f).writer->counters().writes(), 0u);
+    const auto& r = second.restartReport();
+    std::printf("[ restart %s ] recovered %llu routes in %.2f s (%.0f routes/s), invalid entries %llu, "
+                "blocks filed under another tile's allocator before the restart %llu\n",
+                f ? "ipv6" : "ipv4", (unsigned long long)r.routesRecovered[f], r.seconds[f],
+                r.routesRecovered[f] / r.seconds[f], (unsigned long long)r.entriesInvalid[f],
+                (unsigned long long)misfiled[f]);
+  }
+  EXPECT_EQ(second.counters().nextHopWrites, 0u);
+  std::printf("[ restart ] groups restored %llu, reconcile of %zu routes %.2f s\n",
+              (unsigned long long)second.restartReport().groupsRestored, wanted.size(), reconcileSeconds);
+  const ReferenceLpm refAfter = test::installedReference(second);
+  test::ProbeCounts after;
+  for (const Route& r : xplpm_test::realRoutes(false)) probe(second, refAfter, r.vrf, r.v4.address(), after);
+  for (const Route& r : xplpm_test::realRoutes(true)) probe(second, refAfter, r.vrf, r.v6.address(), after);
+  EXPECT_EQ(after.mismatches, 0u);
 }
 
 }  // namespace

@@ -1,0 +1,207 @@
+// Restart recovery: the state machine's model rebuilt from the chip's tables.
+#include "XpLpm/RestartHelperBase.h"
+
+#include <cstdio>
+
+#include "XpLpm/XpLpmSm.h"
+#include "platform/Assert.h"
+#include "platform/Exception.h"
+#include "platform/Trace.h"
+
+namespace XpLib {
+namespace XpLpm {
+
+namespace {
+
+// SDK codes a recovery read or write may return and still count as done.
+bool accepted(int code) { return code == 0 || code == 42 || code == 9; }
+
+[[noreturn]] void apiError(const char* call, int code) {
+  std::fprintf(stderr, "%s:%d: %s API ERROR %d\n", __FILE__, __LINE__, call, code);
+  std::fflush(stderr);
+  XP_ASSERT_TEXT(false, "!(true)");
+  std::abort();
+}
+
+}  // namespace
+
+// The machine is held by a plain pointer: it owns this helper, and calls it
+// from its own constructor, before any Ptr to it exists.
+RestartHelperBase::RestartHelperBase(const Ptr<ConfigBase>& config, const Ptr<Status>& lpmStatus)
+    : config_(config), lpmStatus_(lpmStatus) {}
+
+Ptr<LpmPrefix> RestartHelperBase::createPrefix(const SubTrieBranch&, U8, const U64&, const U64&, U8) {
+  throw NoImplementationException("createPrefix must be implemented in the derived class");
+}
+
+void RestartHelperBase::deletePrefix(const Ptr<LpmPrefix>&) {
+  throw NoImplementationException("deletePrefix must be implemented in the derived class");
+}
+
+int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
+  XP_TRACE(5, "RestartHelperBase::doRestart");
+  lpmSmIs(lpmSm);
+  counts_ = Counts();
+  for (const auto& [tableId, tableConfig] : config_->prefixTableConfigMap()) {
+    Ptr<PrefixTable> table = lpmSm_->prefixTableIs(tableId, tableConfig);
+    for (U32 offset = 0; offset < tableConfig->depth(); ++offset) {
+      XP_TRACE(8, "RestartHelperBase::doRestart reading prefix table entry " << offset << " in table " << tableId);
+      XpXdk::xpLpmPrefixEntry entry;
+      const int ret = xdkLpmMgr_->readPrefixEntry(0, tableId.value(), offset, &entry, 0);
+      if (ret == XpXdk::XP_ERR_OUT_OF_RANGE) continue;
+      XP_ASSERT_TEXT(ret == XpXdk::XP_NO_ERR, "ret == XP_NO_ERR");
+      ++counts_.entriesRead;
+      if (entry.branchLen == 0 && entry.stride == 0) {
+        XP_TRACE(5, "RestartHelperBase::doRestart empty prefix entry");
+        ++counts_.entriesEmpty;
+        continue;
+      }
+      SubTrieBranch branch;
+      std::vector<Place> places;
+      const std::string reason = parsePrefixTableEntry(entry, table, offset, branch, places);
+      XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry valid " << reason.empty() << " reason " << reason);
+      if (!reason.empty()) {
+        ++counts_.entriesInvalid;
+        dropInvalid(removeStale, tableId.value(), offset, places);
+        continue;
+      }
+      bool any = false;
+      for (const Place& p : places) any = any || p.prefix;
+      if (!any) {
+        XP_TRACE(5, "RestartHelperBase::doRestart no prefix is allocated");
+        continue;
+      }
+      XP_TRACE(5, "RestartHelperBase::doRestart valid prefix entry at offset " << offset << " in table " << tableId);
+      rebuild(entry, table, offset, branch, places);
+    }
+  }
+  return 0;
+}
+
+std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table,
+                                                     U32 offset, SubTrieBranch& branch, std::vector<Place>& places) {
+  XP_ASSERT_TEXT(places.size() == 0, "prefixes.size() == 0");
+  const U8 wantKeySize = config_->keyType() == keyShort48b ? 0 : 2;
+  if (e.keySize != wantKeySize) return "wrong keySize";
+  if (e.mode != 1) return "wrong mode";
+  const U32 entrySize = table->tableConfig()->entrySize();
+  if (U32(e.branchLen) + e.stride > entrySize) return "branch length + stride too large";
+  if (e.stride == 0) return "stride is zero";
+
+  // The entry holds the branch right-aligned, least significant byte first.
+  const U32 m = (e.branchLen + 7u) / 8u;
+  const U32 shift = e.branchLen % 8 ? e.branchLen % 8 : 8;
+  for (U32 k = 0; k < m; ++k) {
+    const U32 hi = e.branch[m - 1 - k];
+    const U32 lo = k == m - 1 ? 0 : e.branch[m - 2 - k];
+    branch.u8Is(k, static_cast<U8>(((hi << 8) | lo) >> shift));
+  }
+  XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry offset " << offset << " branch 0: " << branch.word0()
+                                                                 << " 1: " << branch.word1() << " 2: "
+                                                                 << branch.word2() << " 3: " << branch.word3()
+                                                                 << " 4: " << branch.word4() << " tableId "
+                                                                 << table->tableId());
+
+  // At most as many slots as the entry was written with, within the entry's own limits.
+  const U32 limit = std::min<U32>({(entrySize - e.branchLen) / e.stride, XpXdk::xpLpmPrefixEntry::kMaxSlots,
+                                   U32(e.numSlots)});
+  for (U32 s = 0; s < limit; ++s) {
+    const XpXdk::xpLpmLeaf& leaf = e.slots[s];
+    if (leaf.empty()) {
+      places.push_back(Place{});
+      continue;
+    }
+    Ptr<LpmPrefix> prefix = createPrefix(branch, e.branchLen, leaf.leafVal, leaf.leafValHigh, e.stride);
+    XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry found prefix " << *prefix);
+    places.push_back(Place{prefix});
+    if (config_->request(prefix) != NextHopBlock()) return "duplicate prefixes";
+    for (std::size_t q = 0; q + 1 < places.size(); ++q)
+      if (places[q].prefix && LpmPrefixEq()(places[q].prefix, prefix)) return "duplicate prefixes";
+    if (table->positionOf(prefix) != PrefixTableIdx(offset)) return "prefix hash does not match with offset";
+  }
+
+  if (e.nhiTile >= config_->nhiAvailableTiles()) return "NHI tile doesn't exist";
+  XP_ASSERT_TEXT(lpmSm_->nhiAllocator(NhiTileIdx(e.nhiTile)), "nhiAllocator");
+  const U32 blockSize = lpmSm_->nhiBlockSize(static_cast<U8>(places.size()));
+  if (e.nhiOffset >= config_->nhiEntriesPerTile() || U32(e.nhiOffset) + blockSize > config_->nhiEntriesPerTile()) {
+    XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry nhiBlkSize " << blockSize << " nhiOffset " << e.nhiOffset
+                                                                       << " nhiEntriesPerTile "
+                                                                       << config_->nhiEntriesPerTile());
+    return "NHI block out of bound";
+  }
+  return {};
+}
+
+void RestartHelperBase::dropInvalid(bool removeStale, U32 tableId, U32 offset, const std::vector<Place>& places) {
+  for (const Place& p : places)
+    if (p.prefix) deletePrefix(p.prefix);
+  XP_ASSERT_TEXT(config_->restartMode() != modeRestartTest, "0 && \"Recovering prefix entry failed\"");
+  if (!removeStale) return;
+  XP_TRACE(5, "RestartHelperBase::doRestart clear prefix entry");
+  XpXdk::xpLpmPrefixEntry xpPrefixEntry;
+  const int ret = xdkLpmMgr_->writePrefixEntry(0, tableId, offset, &xpPrefixEntry);
+  if (!accepted(ret)) apiError("((xdkLpmMgr()->writePrefixEntry( 0, tableId.value(), offset, &xpPrefixEntry )))", ret);
+  ++counts_.entriesCleared;
+}
+
+void RestartHelperBase::rebuild(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table, U32 offset,
+                                const SubTrieBranch& branch, const std::vector<Place>& places) {
+  const U8 n = static_cast<U8>(places.size());
+  Ptr<SubTrie> subTrie = subTrieFactory(PrefixTableIdx(offset), branch, e.branchLen, e.stride, modeSparse, table.ptr());
+  table->subTrieIs(PrefixTableIdx(offset), subTrie);
+  const NhiTableIdx nhiBaseIdx(NhiTileIdx(e.nhiTile), e.nhiOffset);
+  subTrie->nhiBaseIdxIs(nhiBaseIdx);
+  subTrie->nhiBlkSizeIs(lpmSm_->nhiBlockSize(n));
+  subTrie->maxPrefixSlotIs(n);
+  subTrie->allocatePrefixBitmap();
+  for (U8 s = 0; s < n; ++s) {
+    if (!places[s].prefix) continue;
+    subTrie->prefixIs(s, places[s].prefix);
+    subTrie->prefixToSlotIs(places[s].prefix, s);
+    subTrie->prefixBitmap()->setBit(s);
+  }
+  XP_ASSERT_TEXT_V(subTrie->fit(subTrie->branchLen(), subTrie->stride(), static_cast<U8>(subTrie->prefixs()),
+                                subTrie->mode()),
+                   "subTrie->fit( subTrie->branchLen(), subTrie->stride(), subTrie->prefixs(), subTrie->mode() )",
+                   " subtrie " << *subTrie);
+  XP_TRACE(5, "RestartHelperBase::doRestart created subTrie " << *subTrie);
+
+  Ptr<Blk> blk = lpmSm_->nhiAllocator(nhiBaseIdx.tile())->realloc(e.nhiOffset, subTrie->nhiBlkSize());
+  XP_ASSERT_V(blk, " subtrie " << *subTrie);
+
+  const U32 pairs = config_->nhiPairPerEntry();
+  NhiInfoKey nhiInfoKey;
+  for (U32 i = 0; i * pairs < n; ++i) {
+    XpXdk::xpLpmNhiEntry xpNhiEntry;
+    const int ret = xdkLpmMgr_->readNhiEntry(0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0);
+    if (!accepted(ret)) {
+      apiError("((xdkLpmMgr()->readNhiEntry( 0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0 )))",
+               ret);
+    }
+    for (U32 j = 0; j < pairs && i * pairs + j < n; ++j) {
+      const U8 s = static_cast<U8>(i * pairs + j);
+      const Ptr<LpmPrefix>& prefix = places[s].prefix;
+      if (!prefix) continue;
+      const NextHopBlock block(xpNhiEntry.pair[j].base, xpNhiEntry.pair[j].size);
+      config_->requestIs(prefix, block);
+      lpmStatus_->prefixToNextHopBlockIs(prefix, block);
+      XP_TRACE(5, "RestartHelperBase::doRestart recovered prefix " << *prefix << " nexthop block " << block
+                                                                   << " slot " << +s);
+      nhiInfoKey.newSlotToNextHopBlock(s, block);
+    }
+  }
+  Ptr<NhiInfo> nhiInfo = lpmSm_->allocateNhiInfo(subTrie, nhiInfoKey, nhiBaseIdx);
+  if (!nhiInfo) XP_FAIL("nhiInfo", " subtrie " << *subTrie);
+  subTrie->nhiInfoKeyIs(nhiInfoKey);
+  lpmSm_->nhiBaseIdxToBlkIs(nhiBaseIdx, blk);
+  for (const Place& p : places) {
+    if (!p.prefix) continue;
+    XP_TRACE(5, "RestartHelperBase::doRestart prefix " << *p.prefix << " subtrie " << *subTrie);
+    lpmSm_->prefixToSubTrieIs(p.prefix, subTrie);
+    ++counts_.routes;
+  }
+  ++counts_.subTries;
+}
+
+}  // namespace XpLpm
+}  // namespace XpLib
