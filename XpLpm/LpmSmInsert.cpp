@@ -98,6 +98,7 @@ void LpmSm::insertPrefix(const Ptr<LpmPrefix>& prefix) {
   }
 
   XP_TRACE(3, "LpmSm::insertPrefix insert - ret " << ret);
+  lastInsertReturnCode_ = ret;
   if (ret == pass) {
     status_->prefixToNextHopBlockIs(prefix, requestedBlock(prefix));
   } else {

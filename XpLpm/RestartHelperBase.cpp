@@ -16,8 +16,9 @@ namespace {
 // SDK codes a recovery read or write may return and still count as done.
 bool accepted(int code) { return code == 0 || code == 42 || code == 9; }
 
-[[noreturn]] void apiError(const char* call, int code) {
-  std::fprintf(stderr, "%s:%d: %s API ERROR %d\n", __FILE__, __LINE__, call, code);
+// `line` is the failed call's, so that the report points at it rather than at this function.
+[[noreturn]] void apiError(unsigned line, const char* call, int code) {
+  std::fprintf(stderr, "%s:%u: %s API ERROR %d\n", __FILE__, line, call, code);
   std::fflush(stderr);
   XP_ASSERT_TEXT(false, "!(true)");
   std::abort();
@@ -140,7 +141,8 @@ void RestartHelperBase::dropInvalid(bool removeStale, U32 tableId, U32 offset, c
   XP_TRACE(5, "RestartHelperBase::doRestart clear prefix entry");
   XpXdk::xpLpmPrefixEntry xpPrefixEntry;
   const int ret = xdkLpmMgr_->writePrefixEntry(0, tableId, offset, &xpPrefixEntry);
-  if (!accepted(ret)) apiError("((xdkLpmMgr()->writePrefixEntry( 0, tableId.value(), offset, &xpPrefixEntry )))", ret);
+  if (!accepted(ret))
+    apiError(__LINE__, "((xdkLpmMgr()->writePrefixEntry( 0, tableId.value(), offset, &xpPrefixEntry )))", ret);
   ++counts_.entriesCleared;
 }
 
@@ -175,7 +177,8 @@ void RestartHelperBase::rebuild(const XpXdk::xpLpmPrefixEntry& e, const Ptr<Pref
     XpXdk::xpLpmNhiEntry xpNhiEntry;
     const int ret = xdkLpmMgr_->readNhiEntry(0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0);
     if (!accepted(ret)) {
-      apiError("((xdkLpmMgr()->readNhiEntry( 0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0 )))",
+      apiError(__LINE__,
+               "((xdkLpmMgr()->readNhiEntry( 0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0 )))",
                ret);
     }
     for (U32 j = 0; j < pairs && i * pairs + j < n; ++j) {

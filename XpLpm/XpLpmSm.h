@@ -160,6 +160,8 @@ class LpmSm : public PtrInterface {
   void hashShufflingEnabledIs(bool b) { hashShufflingEnabled_ = b; }
   bool initialized() const { return initialized_; }
   void initializedIs(bool b) { initialized_ = b; }
+  // The outcome of the last insertion, so that an owner can say why a route was not placed.
+  RouteReturnCode lastInsertReturnCode() const { return lastInsertReturnCode_; }
 
  private:
   void createNhiAllocators();
@@ -183,6 +185,7 @@ class LpmSm : public PtrInterface {
   bool nhiSharingEnabled_ = true;
   bool hashShufflingEnabled_ = true;
   bool initialized_ = false;
+  RouteReturnCode lastInsertReturnCode_ = pass;
 };
 
 // Creates, starts and activates a state machine.

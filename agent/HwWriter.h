@@ -21,6 +21,9 @@ struct HwWriterCounters {
   U64 nhiWrites = 0;
   U64 nhiSkipped = 0;
   U64 errors = 0;  // writes the SDK refused
+  // FNV-1a over every command's target and entry image, in queue order: equal
+  // command streams give equal digests.
+  U64 digest = 0xcbf29ce484222325ull;
 
   U64 writes() const { return prefixWrites + nhiWrites; }
   U64 skipped() const { return prefixSkipped + nhiSkipped; }

@@ -166,6 +166,7 @@ void XpLpmAgent::applyNextHopChanges(SwId requested, const NextHopBlock& before)
   while (nhStatus_->shuffleCmds() > 0) {
     Ptr<XpLpmNextHop::ShuffleCmd> cmd = nhStatus_->shuffleCmdQueue().front().second;
     copyEntries(cmd->prevNextHopBlock(), cmd->nextHopBlock());
+    ++counters_.shuffles;
     // The move's own block, not the group's latest: a group that is also being
     // resized gets its final block only below, once that block is written.
     repointRoutes(cmd->swId(), cmd->nextHopBlock());

@@ -2,7 +2,7 @@
 # Installs what a fresh Debian machine lacks to build and test xplpm. Safe to rerun.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev)
+packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev libcli11-dev nlohmann-json3-dev)
 
 missing=()
 for p in "${packages[@]}"; do

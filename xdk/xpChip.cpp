@@ -375,4 +375,14 @@ const xpNhEntry* xpChip::resolve(const xpLpmLookupResult& r, U64 selector) const
   return index < nh_.size() ? &nh_[index] : nullptr;
 }
 
+std::size_t xpLpmMemory::prefixEntryBytes() const {
+  std::size_t bytes = 0;
+  for (const Table& t : tables_) {
+    // A node holds the pair, the next pointer and the cached hash, rounded by malloc.
+    bytes += t.entries.size() * ((sizeof(std::pair<const U32, xpLpmPrefixEntry>) + 2 * sizeof(void*) + 15) / 16 * 16);
+    bytes += t.entries.bucket_count() * sizeof(void*);
+  }
+  return bytes;
+}
+
 }  // namespace XpXdk

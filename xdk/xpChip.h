@@ -58,6 +58,9 @@ class xpLpmMemory {
   // The longest match over every valid prefix table.
   xpLpmLookupResult lookup(const xpLpmKey& key) const;
 
+  // Heap held by the stored prefix entries (an estimate of the node sizes), so
+  // that a tool can tell the chip's memory from the library's.
+  std::size_t prefixEntryBytes() const;
   // Positions of one table that hold a non-empty entry, for audits and fill reports.
   U32 occupied(U32 tableId) const;
   // Every non-empty entry of one table, by position.

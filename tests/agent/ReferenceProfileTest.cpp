@@ -6,7 +6,7 @@
 #include <random>
 
 #include "ForwardingCheck.h"
-#include "ModelSnapshot.h"
+#include "agent/ModelSnapshot.h"
 #include "agent/ChipReport.h"
 #include "support/RouteTables.h"
 
@@ -89,8 +89,8 @@ TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
   std::string before[2];
   U64 misfiled[2];
   for (bool f : {false, true}) {
-    before[f] = test::modelSnapshot(*agent.family(f).sm);
-    misfiled[f] = test::misfiledNhiBlocks(*agent.family(f).sm);
+    before[f] = modelSnapshot(*agent.family(f).sm);
+    misfiled[f] = misfiledNhiBlocks(*agent.family(f).sm);
   }
   std::shared_ptr<XpXdk::xpChip> chip = agent.sharedChip();
   first.reset();
@@ -103,8 +103,8 @@ TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
   EXPECT_EQ(reconciled.changed + reconciled.added + reconciled.withdrawn, 0u);
   EXPECT_EQ(second.restartReport().groupsMisplaced, 0u);
   for (bool f : {false, true}) {
-    const std::string after = test::modelSnapshot(*second.family(f).sm);
-    EXPECT_TRUE(after == before[f]) << test::snapshotDiff(before[f], after);
+    const std::string after = modelSnapshot(*second.family(f).sm);
+    EXPECT_TRUE(after == before[f]) << snapshotDiff(before[f], after);
     EXPECT_EQ(second.family(f).writer->counters().writes(), 0u);
     const auto& r = second.restartReport();
     std::printf("[ restart %s ] recovered %llu routes in %.2f s (%.0f routes/s), invalid entries %llu, "

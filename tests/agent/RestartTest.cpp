@@ -7,13 +7,12 @@
 #include <set>
 
 #include "ForwardingCheck.h"
-#include "ModelSnapshot.h"
+#include "agent/ModelSnapshot.h"
 
 namespace XpLib {
 namespace Agent {
 namespace {
 
-using test::modelSnapshot;
 
 // Distinct keys, few enough that the small profile places them all.
 std::vector<Route> randomRoutes(std::mt19937& rng, int n, std::set<std::string>& keys) {
@@ -71,7 +70,7 @@ TEST(RestartTest, UnchangedIntentRebuildsTheSameModelAndWritesNothing) {
   XpLpmAgent second(profile, chip, 40);
   for (bool v6 : {false, true}) {
     const std::string after = modelSnapshot(*second.family(v6).sm);
-    EXPECT_TRUE(after == before[v6]) << (v6 ? "ipv6" : "ipv4") << "\n" << test::snapshotDiff(before[v6], after);
+    EXPECT_TRUE(after == before[v6]) << (v6 ? "ipv6" : "ipv4") << "\n" << snapshotDiff(before[v6], after);
   }
   EXPECT_EQ(second.restartReport().groupsMisplaced, 0u);
   const auto report = second.reconcile(wanted);

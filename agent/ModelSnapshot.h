@@ -1,4 +1,5 @@
-// A text image of a state machine's whole model, for comparing two models.
+// A text image of a state machine's whole model, for comparing two models
+// (a warm restart must rebuild the model it found).
 #pragma once
 
 #include <map>
@@ -10,7 +11,6 @@
 
 namespace XpLib {
 namespace Agent {
-namespace test {
 
 // The branch as the hardware holds it: bits past branchLen are not part of it.
 inline XpLpm::SubTrieBranch maskedBranch(const XpLpm::SubTrieBranch& b, U8 len) {
@@ -78,6 +78,5 @@ inline U64 misfiledNhiBlocks(const XpLpm::LpmSm& sm) {
   return n;
 }
 
-}  // namespace test
 }  // namespace Agent
 }  // namespace XpLib
