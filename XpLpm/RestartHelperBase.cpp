@@ -1,6 +1,7 @@
 // Restart recovery: the state machine's model rebuilt from the chip's tables.
 #include "XpLpm/RestartHelperBase.h"
 
+#include <bit>
 #include <cstdio>
 
 #include "XpLpm/XpLpmSm.h"
@@ -112,6 +113,10 @@ std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEnt
       places.push_back(Place{});
       continue;
     }
+    // A leaf whose prefix would not fit the entry's stride or the key cannot come from a write of ours.
+    const U32 bits = leaf.leafValHigh ? 127 - static_cast<U32>(std::countl_zero(leaf.leafValHigh))
+                                      : 63 - static_cast<U32>(std::countl_zero(leaf.leafVal));
+    if (bits >= e.stride || e.branchLen + bits > config_->keyLength()) return "leaf longer than the stride";
     Ptr<LpmPrefix> prefix = createPrefix(branch, e.branchLen, leaf.leafVal, leaf.leafValHigh, e.stride);
     XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry found prefix " << *prefix);
     places.push_back(Place{prefix});

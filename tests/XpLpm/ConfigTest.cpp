@@ -182,26 +182,6 @@ TEST(ConfigNotificationTest, EachRealChangeIsAnnouncedOnce) {
   EXPECT_EQ(cfg->requests(), 0u);
 }
 
-TEST(ConfigNotificationTest, InactiveNotifieeHearsNothingAndOneMayDetachWhileHearing) {
-  Ptr<ConfigV4> cfg = configV4Factory("v4");
-  ConfigRecorder quiet, leaving, staying;
-  quiet.notifierIs(cfg);
-  leaving.notifierIs(cfg);
-  staying.notifierIs(cfg);
-  quiet.isNotificationActiveIs(false);
-  leaving.then = [&] { leaving.notifierIs(nullptr); };
-  Ptr<LpmPrefix> p = cfg->newLpmPrefix(v4Key(1, "10.0.0.0/8"));
-  cfg->requestIs(p, NextHopBlock(1, 1));
-  cfg->requestIs(p, NextHopBlock(2, 1));
-  cfg->requestDelAll();
-  EXPECT_TRUE(quiet.heard.empty());
-  EXPECT_EQ(leaving.heard.size(), 1u);
-  EXPECT_EQ(staying.heard, std::vector<std::string>(3, "request vrf 1 prefix 10.0.0.0/8"));
-  quiet.isNotificationActiveIs(true);
-  cfg->keyTypeIs(keyLong144b);
-  EXPECT_EQ(quiet.heard, std::vector<std::string>{"keyType"});
-}
-
 TEST(ConfigTest, BadMutationsThrow) {
   Ptr<ConfigV4> v4 = configV4Factory("v4");
   Ptr<ConfigV6> v6 = configV6Factory("v6");

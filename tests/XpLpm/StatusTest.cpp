@@ -56,49 +56,6 @@ TEST(StatusPendingCmdTest, IndexesOnlyGrow) {
   EXPECT_EQ(rec.cmds, (std::vector<U32>{7, 8, 7, 8, 9, 9, 10, 11}));
 }
 
-// Random producer and consumer traffic against a model of the rule: a new command gets the larger of the
-// stored counter and one above the newest queued index, and the counter moves one past it.
-TEST(StatusPendingCmdTest, RandomTrafficFollowsTheIndexRule) {
-  const unsigned seed = 1403;
-  std::cout << "seed " << seed << "\n";
-  std::mt19937 rng(seed);
-  Ptr<Status> s = statusFactory("lpm");
-  std::deque<std::pair<U32, Ptr<CommandBase>>> model;
-  U32 counter = 0;
-  for (int step = 0; step < 5000; ++step) {
-    const int op = std::uniform_int_distribution<int>(0, 99)(rng);
-    if (op < 50) {
-      Ptr<CommandBase> cmd = someCommand(step);
-      const U32 expected = model.empty() ? counter : std::max(counter, model.back().first + 1);
-      ASSERT_EQ(s->pendingCmdEnq(cmd), expected) << "step " << step;
-      model.emplace_back(expected, cmd);
-      counter = expected + 1;
-    } else if (op < 85) {
-      if (model.empty()) continue;
-      s->pendingCmdDeq();
-      model.pop_front();
-    } else if (op < 97) {
-      if (model.empty()) continue;
-      auto victim = model.begin() + std::uniform_int_distribution<size_t>(0, model.size() - 1)(rng);
-      s->pendingCmdDel(victim->first);
-      model.erase(victim);
-    } else if (op < 98) {
-      s->pendingCmdDelAll();
-      model.clear();
-    } else {
-      QueueMetadata md = s->pendingCmdMetadata();
-      md.tail = counter = std::uniform_int_distribution<U32>(counter > 5 ? counter - 5 : 0, counter + 5)(rng);
-      s->pendingCmdMetadataIs(md);
-    }
-    ASSERT_EQ(s->pendingCmds(), model.size());
-    ASSERT_TRUE(std::equal(model.begin(), model.end(), s->pendingCmdQueue().begin(), s->pendingCmdQueue().end()))
-        << "step " << step;
-    if (!model.empty()) {
-      ASSERT_EQ(s->pendingCmd(model.back().first), model.back().second);
-    }
-  }
-}
-
 TEST(StatusNotificationTest, InactiveOrLeavingNotifiees) {
   Ptr<Status> s = statusFactory("lpm");
   StatusRecorder quiet, leaving, staying;

@@ -262,25 +262,6 @@ TEST_F(XpLpmConfiguratorTest, NextHopSizeSetOnceThenChecked) {
   EXPECT_EQ(preset->tableSize(), 4096u);
 }
 
-TEST_F(XpLpmConfiguratorTest, TracesFollowTheSteps) {
-  std::vector<std::string> lines;
-  Trace::sinkIs([&](int level, std::string_view line) {
-    if (level == 1) lines.emplace_back(line);
-  });
-  Trace::levelIs(1);
-  configurator()->doConfig();
-  Trace::levelIs(-1);
-  Trace::sinkIs(nullptr);
-  // Two tables for IPv4, three for IPv6, two lines each.
-  ASSERT_EQ(lines.size(), 1 + (2 + 2 * 2) + (2 + 2 * 3) + 2u);
-  for (const std::string& l : lines) EXPECT_EQ(l.rfind("XpLpmConfigurator::", 0), 0u) << l;
-  EXPECT_EQ(lines[0], "XpLpmConfigurator::doConfig");
-  EXPECT_EQ(lines[1], "XpLpmConfigurator::configLpmWithTableContext tableId 51");
-  EXPECT_EQ(lines[7], "XpLpmConfigurator::configLpmWithTableContext tableId 52");
-  EXPECT_EQ(lines[6].find("XpLpmConfigurator::configLpmWithTableContext Setting NHI table size: 65536"), 0u);
-  EXPECT_EQ(lines.back(), "XpLpmConfigurator::configNhWithTableContext Set the NextHop table size to 4096");
-}
-
 // "Failed(text) ..." on standard error, then the C library's report of the same text.
 std::string fatal(const std::string& text) {
   std::string escaped;

@@ -219,22 +219,6 @@ void checkAgainstBruteForce(const xpLpmTableContext& context, U32 seed, U32 entr
 
 TEST(ChipLookup, MatchesBruteForceIpv4) { checkAgainstBruteForce(kV4, 4401, 300, 6000); }
 TEST(ChipLookup, MatchesBruteForceIpv6) { checkAgainstBruteForce(kV6, 6601, 300, 6000); }
-// 19 tables in groups of (tread, depth, count), the size of a full chip.
-xpLpmTableContext chip19(U32 keyLength, std::initializer_list<std::array<U32, 3>> groups) {
-  std::vector<TableSpec> tables;
-  for (const auto& [tread, depth, count] : groups)
-    for (U32 k = 0; k < count; ++k) tables.push_back({U32(tables.size()), tread, depth, k % 4});
-  return makeContext(keyLength, tables, 32768);
-}
-
-TEST(ChipLookup, MatchesBruteForceOnNineteenTables) {
-  checkAgainstBruteForce(
-      chip19(48, {{36, 4096, 4}, {32, 2048, 4}, {28, 1024, 4}, {24, 256, 4}, {20, 16, 2}, {16, 2, 1}}), 19, 600, 6000);
-  checkAgainstBruteForce(
-      chip19(144, {{80, 1024, 2}, {60, 4096, 4}, {48, 4096, 4}, {40, 1024, 4}, {32, 256, 2}, {24, 16, 2}, {16, 2, 1}}),
-      20, 600, 6000);
-}
-
 const KeyBytes kKey = xpLpmKey::ipv4(1, 0x0A0102F3).bytes;
 
 TEST(ChipLookup, EntryFieldsDecideTheMatch) {
