@@ -58,7 +58,6 @@ Session::Session(const XpXdk::xpChipProfile& profile, const RunOptions& options)
     : profile_(profile), options_(options) {}
 
 void Session::program(const std::vector<Route>& routes) {
-  const std::size_t heapBefore = heapInUse();
   agent_ = std::make_unique<XpLpmAgent>(profile_, options_.nextHopGroups);
   const std::size_t chipBefore = agent_->chip().lpm(false).prefixEntryBytes() + agent_->chip().lpm(true).prefixEntryBytes();
   const std::size_t heapStart = heapInUse();
@@ -73,7 +72,6 @@ void Session::program(const std::vector<Route>& routes) {
   const std::size_t heapEnd = heapInUse();
   // The library's model: what programming added to the heap, less what the simulated chip stored.
   figures_.memoryBytes = heapEnd > heapStart + (chipAfter - chipBefore) ? heapEnd - heapStart - (chipAfter - chipBefore) : 0;
-  (void)heapBefore;
 
   for (const Route& r : routes) {
     FamilyFigures& f = figures_.family[r.ipv6];

@@ -119,6 +119,7 @@ json runJson(Session& s, const RouteSet& set, const Common& c) {
          {"tables", tables},
          {"nhi", {{"tiles", tiles}, {"used", nhiUsed}, {"capacity", nhiCapacity}, {"overlaps", overlaps}}}};
   if (c.verify) j["verify"] = {{"probes", f.verifyProbes}, {"mismatches", f.verifyMismatches}};
+  if (!f.failureSamples.empty()) j["failure_samples"] = f.failureSamples;
   return j;
 }
 
@@ -132,6 +133,8 @@ void printHuman(const json& j) {
               r["bad_lines"].get<unsigned long long>());
   for (const auto& [code, n] : r["failures_by_code"].items())
     std::printf("             %llu failed with %s\n", n.get<unsigned long long>(), code.c_str());
+  if (j.contains("failure_samples"))
+    for (const auto& sample : j["failure_samples"]) std::printf("             e.g. %s\n", sample.get<std::string>().c_str());
   std::printf("  program    %.2f s, %.0f routes/s (a plain hash map: %.0f routes/s)\n", j["program"]["seconds"].get<double>(),
               j["program"]["routes_per_second"].get<double>(), j["yardstick"]["routes_per_second"].get<double>());
   std::printf("  memory     %.1f MiB, %.0f bytes per route\n", j["memory"]["bytes"].get<double>() / (1 << 20),

@@ -1,5 +1,6 @@
 // Tests of the LPM configuration: one prefix object per key, prefix-keyed collections, notifications,
 // exceptions, derived geometry, least treads, fanout lengths, and prefix-table hashing and text forms.
+#include "support/TestSupport.h"
 #include "XpLpm/Config.h"
 
 #include <gtest/gtest.h>
@@ -20,16 +21,6 @@
 namespace XpLib {
 namespace XpLpm {
 namespace {
-
-template <class Ex>
-void expectThrowMessage(const std::function<void()>& f, const std::string& message) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception, expected: " << message;
-  } catch (const Ex& e) {
-    EXPECT_EQ(std::string(e.what()), message);
-  }
-}
 
 VrfAndPrefix v4Key(U32 vrf, const char* text) { return {vrf, *Prefix::parse(text)}; }
 
@@ -185,18 +176,18 @@ TEST(ConfigNotificationTest, EachRealChangeIsAnnouncedOnce) {
 TEST(ConfigTest, BadMutationsThrow) {
   Ptr<ConfigV4> v4 = configV4Factory("v4");
   Ptr<ConfigV6> v6 = configV6Factory("v6");
-  expectThrowMessage<ImmutableAttrMutationException>([&] { v4->addressFamilyIs(AddressFamily::ipv6); },
+  xplpm_test::expectThrowMessage<ImmutableAttrMutationException>([&] { v4->addressFamilyIs(AddressFamily::ipv6); },
                                                      "XpLib::XpLpm::ConfigV4::addressFamily");
-  expectThrowMessage<ImmutableAttrMutationException>([&] { v6->addressFamilyIs(AddressFamily::ipv4); },
+  xplpm_test::expectThrowMessage<ImmutableAttrMutationException>([&] { v6->addressFamilyIs(AddressFamily::ipv4); },
                                                      "XpLib::XpLpm::ConfigV6::addressFamily");
   EXPECT_EQ(v4->addressFamily(), AddressFamily::ipv4);
   EXPECT_EQ(v6->addressFamily(), AddressFamily::ipv6);
-  expectThrowMessage<RangeException>(
+  xplpm_test::expectThrowMessage<RangeException>(
       [&] { v4->prefixTableConfigIs(nullptr); },
       "null _prefixTableConfig parameter to mutator for XpLib::XpLpm::ConfigBase::prefixTableConfig not allowed\"");
   EXPECT_EQ(v4->prefixTableConfigs(), 0u);
   PrefixTableConfig bare(PrefixTableId(1), prefixTableNarrow128b, 16, 8);
-  expectThrowMessage<NoImplementationException>([&] { bare.hashFunc(v4->newLpmPrefix(v4Key(0, "1.0.0.0/8"))); },
+  xplpm_test::expectThrowMessage<NoImplementationException>([&] { bare.hashFunc(v4->newLpmPrefix(v4Key(0, "1.0.0.0/8"))); },
                                                 "hashFunc must be implemented in the derived class");
 }
 

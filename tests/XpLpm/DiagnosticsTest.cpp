@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.h"
 #include "LpmTestSupport.h"
 #include "platform/Trace.h"
 
@@ -30,18 +31,6 @@ std::string printed(const std::function<void(int)>& print) {
   std::fclose(f);
   return out;
 }
-
-struct TraceLines {
-  std::vector<std::string> lines;
-  explicit TraceLines(int level) {
-    Trace::levelIs(level);
-    Trace::sinkIs([this](int, std::string_view line) { lines.emplace_back(line); });
-  }
-  ~TraceLines() {
-    Trace::sinkIs(nullptr);
-    Trace::levelIs(-1);
-  }
-};
 
 // A tread-24 table that gets every route and a tread-16 table that stays empty; two NHI tiles.
 // Three routes share one sub-trie; two lone routes with equal next hops share one NHI block.
@@ -162,11 +151,11 @@ TEST_F(DiagnosticsTest, SubTrieInfoListsOnlyOccupiedSlotsAndDumpShowsTheHoles) {
   lone->modeIs(modeSparse);
 
   {
-    TraceLines quiet(8);
+    xplpm_test::TraceCapture quiet(8);
     sm->dumpPrefixTables();
     EXPECT_TRUE(quiet.lines.empty()) << "dumps are full-table traces, off below level 9";
   }
-  TraceLines trace(9);
+  xplpm_test::TraceCapture trace(9);
   sm->dumpPrefixTable(table(0));
   const std::string key = abc->nhiInfoKey().str();
   const std::vector<std::string> want = {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.h"
 #include "LpmTestSupport.h"
 #include "platform/Trace.h"
 
@@ -67,24 +68,6 @@ std::vector<std::string> spreadOctets(const Rig& r, U8 id, int n) {
   EXPECT_EQ(static_cast<int>(out.size()), n);
   return out;
 }
-
-// Collects trace lines at and below `level` for the life of the object.
-struct TraceCapture {
-  std::vector<std::string> lines;
-  explicit TraceCapture(int level) {
-    Trace::levelIs(level);
-    Trace::sinkIs([this](int, std::string_view line) { lines.emplace_back(line); });
-  }
-  ~TraceCapture() {
-    Trace::sinkIs(nullptr);
-    Trace::levelIs(-1);
-  }
-  int count(const std::string& text) const {
-    int n = 0;
-    for (const auto& l : lines) n += l.find(text) != std::string::npos;
-    return n;
-  }
-};
 
 std::string keyText(const NhiInfoKey& key) {
   std::ostringstream os;
@@ -151,7 +134,7 @@ TEST(LpmSmRequestTest, RequestBeforeInitializedIsOnlyTracedAndHandledAtReplay) {
   r.sm->initializedIs(false);
   Ptr<LpmPrefix> p;
   {
-    TraceCapture trace(3);
+    xplpm_test::TraceCapture trace(3);
     p = r.route("10.0.0.0/24", nh(100));
     EXPECT_EQ(trace.count(" not initialized "), 1);
     EXPECT_EQ(trace.lines.size(), 2u) << "only the request line and the refusal";
@@ -172,7 +155,7 @@ TEST(LpmSmRequestTest, DefaultBlockWithdrawsOrIsIgnored) {
   Rig r(oneTable());
   Ptr<LpmPrefix> p = r.route("10.0.0.0/24", nh(100));
   ASSERT_TRUE(r.installed(p));
-  TraceCapture trace(3);
+  xplpm_test::TraceCapture trace(3);
   r.cfg->requestIs(p, NextHopBlock());
   EXPECT_EQ(trace.count(" delete prefix "), 1);
   EXPECT_FALSE(r.installed(p));
@@ -192,7 +175,7 @@ TEST(LpmSmRequestTest, ReannouncingAnUnchangedBlockRequeuesTheSubTrie) {
   r.route("10.0.1.0/24", nh(104));
   r.drain();
   const std::string before = snapshot(*r.sm, false);
-  TraceCapture trace(3);
+  xplpm_test::TraceCapture trace(3);
   r.sm->handleRequest(a);
   EXPECT_EQ(trace.count(" update prefix "), 1);
   // The sub-trie's one NHI entry, then its prefix entry; nothing else changes.
@@ -223,7 +206,7 @@ TEST(LpmSmTableOrderTest, EqualTreadTableOnlyAfterSmallerTreadsFail) {
   const std::string target = "10.1.2.0/24";
   {
     Rig r(g);
-    TraceCapture trace(3);
+    xplpm_test::TraceCapture trace(3);
     Ptr<LpmPrefix> p = r.route(target, nh(100));
     EXPECT_EQ(r.sm->prefixToSubTrie(p)->table()->tableId(), PrefixTableId(0));
     EXPECT_EQ(trace.count(" skip - tread is equal to prefix len "), 1);
@@ -311,7 +294,7 @@ TEST_P(LpmSmInsertFailureTest, ModelIsUnchanged) {
   EXPECT_EQ(c.attempt(r, p), c.expected);
   EXPECT_EQ(snapshot(*r.sm), before);
   if (!c.requestFails) return;
-  TraceCapture trace(3);
+  xplpm_test::TraceCapture trace(3);
   r.cfg->requestIs(p, nh(200));
   EXPECT_EQ(trace.count(" insert - fail "), 1);
   EXPECT_FALSE(r.installed(p));
@@ -470,7 +453,7 @@ TEST(LpmSmNhiTest, AllTilesFullOverflowsAndAnUpdateKeepsTheOldBlock) {
   Ptr<LpmPrefix> a = r.route(o[0] + ".0.0.0/24", nh(100));
   Ptr<LpmPrefix> b = r.route(o[1] + ".0.0.0/24", nh(104));
   r.drain();
-  TraceCapture trace(7);
+  xplpm_test::TraceCapture trace(7);
   EXPECT_EQ(r.sm->allocateNhiBlock(1), NhiTableIdx());
   EXPECT_EQ(r.sm->numNhiOverflow(), 1u);
   EXPECT_EQ(trace.count(" all nhi tiles are full "), 1);

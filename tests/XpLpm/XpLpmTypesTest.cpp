@@ -1,4 +1,5 @@
 // Tests of the LPM key and index value types: branch byte/word layout, order, text forms, ids, enumerations.
+#include "support/TestSupport.h"
 #include "XpLpm/XpLpmTypes.h"
 
 #include <gtest/gtest.h>
@@ -16,16 +17,6 @@
 namespace XpLib {
 namespace XpLpm {
 namespace {
-
-template <class Ex>
-void expectThrowMessage(const std::function<void()>& f, const std::string& message) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception, expected: " << message;
-  } catch (const Ex& e) {
-    EXPECT_EQ(std::string(e.what()), message);
-  }
-}
 
 std::array<U32, 5> words(const SubTrieBranch& b) { return {b.word0(), b.word1(), b.word2(), b.word3(), b.word4()}; }
 
@@ -69,12 +60,12 @@ TEST(SubTrieBranchTest, BytesAndChunksFollowTheWordLayout) {
 TEST(SubTrieBranchTest, BadIndexesThrowAndLeaveTheBranchUnchanged) {
   const SubTrieBranch original(1, 2, 3, 4, 5);
   SubTrieBranch b = original;
-  expectThrowMessage<RangeException>([&] { b.u8(18); }, "SubTrieBranch::u8: index out of range");
-  expectThrowMessage<RangeException>([&] { b.u8Is(18, 0xFF); }, "SubTrieBranch::u8Is: index out of range");
-  expectThrowMessage<RangeException>([&] { b.u64(3); }, "SubTrieBranch::u64: index out of range");
-  expectThrowMessage<RangeException>([&] { b.u64Is(3, ~0ull); }, "SubTrieBranch::u64Is: index out of range");
-  expectThrowMessage<NondeletableAttrException>([&] { b.u8Del(0); }, "SubTrieBranch::u8Del");
-  expectThrowMessage<NondeletableAttrException>([&] { b.u64Del(0); }, "SubTrieBranch::u64Del");
+  xplpm_test::expectThrowMessage<RangeException>([&] { b.u8(18); }, "SubTrieBranch::u8: index out of range");
+  xplpm_test::expectThrowMessage<RangeException>([&] { b.u8Is(18, 0xFF); }, "SubTrieBranch::u8Is: index out of range");
+  xplpm_test::expectThrowMessage<RangeException>([&] { b.u64(3); }, "SubTrieBranch::u64: index out of range");
+  xplpm_test::expectThrowMessage<RangeException>([&] { b.u64Is(3, ~0ull); }, "SubTrieBranch::u64Is: index out of range");
+  xplpm_test::expectThrowMessage<NondeletableAttrException>([&] { b.u8Del(0); }, "SubTrieBranch::u8Del");
+  xplpm_test::expectThrowMessage<NondeletableAttrException>([&] { b.u64Del(0); }, "SubTrieBranch::u64Del");
   EXPECT_EQ(b, original);
 }
 
@@ -131,10 +122,10 @@ TEST(PrefixTableIdTest, RangeIsZeroToThirtyTwo) {
   EXPECT_EQ(PrefixTableId(7).str(), "7");
   EXPECT_LT(PrefixTableId(3), PrefixTableId(31));
   const std::string message = "PrefixTableId::value < 0 or > 32 not allowed";
-  expectThrowMessage<RangeException>([] { PrefixTableId id(33); }, message);
+  xplpm_test::expectThrowMessage<RangeException>([] { PrefixTableId id(33); }, message);
   for (const char* text : {"33", "256", "4294967296", "-1"}) {
     SCOPED_TRACE(text);
-    expectThrowMessage<RangeException>([&] { PrefixTableId::fromString(text); }, message);
+    xplpm_test::expectThrowMessage<RangeException>([&] { PrefixTableId::fromString(text); }, message);
   }
   EXPECT_THROW(PrefixTableId::fromString("x"), RangeException);
   EXPECT_THROW(PrefixTableId::fromString(""), RangeException);

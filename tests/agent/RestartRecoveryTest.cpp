@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.h"
 #include "XpLpmConfigurator/XpLpmConfigurator.h"
 #include "agent/AgentRestartHelper.h"
 #include "agent/XpLpmAgent.h"
@@ -16,6 +17,17 @@
 namespace XpLib {
 namespace Agent {
 namespace {
+
+// The reasons of the entries found invalid, in order.
+std::vector<std::string> reasons(const xplpm_test::TraceCapture& trace) {
+  std::vector<std::string> out;
+  for (const auto& l : trace.lines) {
+    const auto at = l.find(" reason ");
+    if (l.find("parsePrefixTableEntry") != std::string::npos && at != std::string::npos && at + 8 < l.size())
+      out.push_back(l.substr(at + 8));
+  }
+  return out;
+}
 
 using XpXdk::xpLpmPrefixEntry;
 
@@ -34,33 +46,6 @@ const std::vector<Route> kRoutes = {
     route("10.1.1.0/24", 1),  route("10.1.2.0/24", 2),  route("10.1.3.128/25", 3), route("10.2.0.0/16", 4),
     route("11.0.0.0/8", 5),   route("172.16.5.0/24", 6), route("192.168.1.77/32", 7), route("8.8.8.0/24", 8, 1),
     route("9.9.0.0/16", 9),   route("10.9.9.9/32", 10)};
-
-struct TraceLines {
-  std::vector<std::string> lines;
-  explicit TraceLines(int level) {
-    Trace::levelIs(level);
-    Trace::sinkIs([this](int, std::string_view line) { lines.emplace_back(line); });
-  }
-  ~TraceLines() {
-    Trace::sinkIs(nullptr);
-    Trace::levelIs(-1);
-  }
-  int count(const std::string& text) const {
-    int n = 0;
-    for (const auto& l : lines) n += l.find(text) != std::string::npos;
-    return n;
-  }
-  // The reasons of the entries found invalid, in order.
-  std::vector<std::string> reasons() const {
-    std::vector<std::string> out;
-    for (const auto& l : lines) {
-      const auto at = l.find(" reason ");
-      if (l.find("parsePrefixTableEntry") != std::string::npos && at != std::string::npos && at + 8 < l.size())
-        out.push_back(l.substr(at + 8));
-    }
-    return out;
-  }
-};
 
 // The routes programmed into a chip, with where each one went; the entry corrupted
 // (the victim) holds several routes and has free positions on both sides in its table.
@@ -158,9 +143,9 @@ TEST(RestartRecoveryTest, EachInvalidEntryLosesOnlyItsRoutesAndStaysInTheChip) {
     const U32 at = c.at == At::victim ? first.index : c.at == At::above ? first.above : first.below;
     first.write(at, e);
 
-    TraceLines trace(5);
+    xplpm_test::TraceCapture trace(5);
     XpLpmAgent second(small(), first.chip, 40);
-    EXPECT_EQ(trace.reasons(), c.reason.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.reason});
+    EXPECT_EQ(reasons(trace), c.reason.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.reason});
     if (!c.trace.empty()) {
       EXPECT_EQ(trace.count(c.trace), 1);
     }
@@ -217,7 +202,7 @@ TEST(RestartRecoveryTest, RemoveStaleClearsTheInvalidEntryOnly) {
   const U32 occupied = first.chip->lpm(false).occupied(first.table);
 
   Recovery r(*first.chip, false);
-  TraceLines trace(5);
+  xplpm_test::TraceCapture trace(5);
   r.sm->initializedIs(false);  // as inside the machine's start: recovered requests are not handled yet
   EXPECT_EQ(r.helper->doRestart(true, r.sm.ptr()), 0);
   r.sm->initializedIs(true);
@@ -238,13 +223,13 @@ TEST(RestartRecoveryTest, ReadOutOfRangeSkipsTheEntrySilently) {
   for (U32 t = 0; t < XpXdk::xpLpmTableContext::kPrefixTables; ++t)
     if (small().ipv4.prefixTableContext[t].valid) occupied += first.chip->lpm(false).occupied(t);
   first.chip->lpmMgr(false).failPrefixEntryReadIs(first.table, first.index, XpXdk::XP_ERR_OUT_OF_RANGE);
-  TraceLines trace(5);
+  xplpm_test::TraceCapture trace(5);
   Recovery r(*first.chip, true);
   const U64 entries = small().prefixTableEntries(false);
   EXPECT_EQ(r.helper->counts().entriesRead, entries - 1);
   EXPECT_EQ(trace.count(" empty prefix entry"), static_cast<int>(entries - occupied));
   EXPECT_EQ(trace.count(" reason "), static_cast<int>(occupied - 1)) << "all but the skipped entry are judged";
-  EXPECT_TRUE(trace.reasons().empty());
+  EXPECT_TRUE(reasons(trace).empty());
   U64 victims = 0;
   for (bool v : first.inVictim) victims += v;
   EXPECT_EQ(r.sm->prefixToSubTries(), kRoutes.size() - victims);
@@ -252,7 +237,7 @@ TEST(RestartRecoveryTest, ReadOutOfRangeSkipsTheEntrySilently) {
 
 TEST(RestartRecoveryTest, AllZeroChipRecoversNothing) {
   std::shared_ptr<XpXdk::xpChip> chip = XpLpmAgent(small()).sharedChip();
-  TraceLines trace(5);
+  xplpm_test::TraceCapture trace(5);
   XpLpmAgent second(small(), chip);
   EXPECT_EQ(trace.count(" empty prefix entry"),
             static_cast<int>(small().prefixTableEntries(false) + small().prefixTableEntries(true)));
