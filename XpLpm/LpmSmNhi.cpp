@@ -30,9 +30,9 @@ bool LpmSm::isNhiBlockAvailable(U8 numPrefixes) {
   return false;
 }
 
-// Every tile with room is visited and the block of the last one kept, filed under
-// the first tile visited. This is the established placement rule: with several
-// tiles the offset may belong to another tile's allocator.
+// The block is the last visited tile's, filed under the first tile visited. This
+// is the established placement rule: with several tiles the offset may belong to
+// another tile's allocator.
 NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
   const U8 size = nhiBlockSize(numPrefixes);
   XP_TRACE(7, "LpmSm::allocateNhiBlock numPrefixes " << +numPrefixes << " allocate a block of " << +size);
@@ -48,23 +48,26 @@ NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
   }
   const NhiTileIdx firstTile = (nhiAllocator_.begin() + first)->first;
 
-  Ptr<Blk> held;
+  // Every tile with room is visited, compacted when fragmented, and its block
+  // given up for the next tile's: only the last tile's block is kept. Taking and
+  // giving back a block leaves an allocator exactly as it was, so the blocks that
+  // would be given up are not taken at all.
+  BestFitAllocator* last = nullptr;
   for (U32 n = 0; n < tiles; ++n) {
     const auto& [tile, allocator] = *(nhiAllocator_.begin() + (first + n) % tiles);
     XP_TRACE(7, "LpmSm::allocateNhiBlock trying to allocate in tile " << tile << " free entries "
                                                                       << allocator->freeEntries());
     if (size > allocator->freeEntries()) continue;
-    Ptr<Blk> blk = allocator->alloc(size);
-    if (!blk) {
+    if (!allocator->canAlloc(size)) {
       XP_TRACE(7, "LpmSm::allocateNhiBlock tile needs defragmentation ");
       Ptr<PendingCmds> defragCmds = allocator->defragment();
       XP_ASSERT(defragCmds);
       processNhiDefrag(tile, defragCmds);
-      blk = allocator->alloc(size);
-      XP_ASSERT(blk);
+      XP_ASSERT_TEXT(allocator->canAlloc(size), "blk");
     }
-    held = blk;
+    last = allocator.ptr();
   }
+  Ptr<Blk> held = last ? last->alloc(size) : Ptr<Blk>();
   if (!held) {
     XP_TRACE(7, "LpmSm::allocateNhiBlock all nhi tiles are full ");
     numNhiOverflowInc(1);

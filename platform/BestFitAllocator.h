@@ -111,6 +111,11 @@ class BestFitAllocator : public PtrInterface {
   // recovery claims a shared block once per user). Not bounded by maxBlkSz(): it claims what exists.
   Ptr<Blk> realloc(U32 base, U32 size);
 
+  // Whether alloc(size) would succeed now, without changing anything.
+  bool canAlloc(U32 size) const {
+    return size != 0 && size <= maxBlkSz_ && !freeBySize_.empty() && freeBySize_.rbegin()->first >= size;
+  }
+
   // Moves live blocks so that the free entries form one run; see the file comment for the move order.
   // Never null; the log is empty when nothing had to move.
   Ptr<PendingCmds> defragment();
