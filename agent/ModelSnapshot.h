@@ -24,7 +24,15 @@ inline XpLpm::SubTrieBranch maskedBranch(const XpLpm::SubTrieBranch& b, U8 len) 
 // NHI records with their counts; installed routes with their blocks; free NHI
 // entries in all (a block filed under another tile than its allocator's is
 // accounted under its filed tile after a restart, see misfiledNhiBlocks).
-inline std::string modelSnapshot(const XpLpm::LpmSm& sm) {
+// What a snapshot adds beyond the model itself, for comparisons within one run:
+// each tile's free runs, the command queue, the machine's counters.
+struct SnapshotDetail {
+  bool freeRuns = false;
+  bool queue = false;
+  bool counters = false;
+};
+
+inline std::string modelSnapshot(const XpLpm::LpmSm& sm, const SnapshotDetail& detail = {}) {
   std::map<std::pair<U32, U32>, std::string> subTries;
   for (const auto& [id, table] : sm.prefixTableMap()) {
     for (const auto& [idx, st] : table->subTrieMap()) {
@@ -50,6 +58,21 @@ inline std::string modelSnapshot(const XpLpm::LpmSm& sm) {
   U64 freeEntries = 0;
   for (const auto& [tile, a] : sm.nhiAllocatorMap()) freeEntries += a->freeEntries();
   os << "nhi free " << freeEntries << "\n";
+  if (detail.freeRuns) {
+    for (const auto& [tile, a] : sm.nhiAllocatorMap()) {
+      os << "tile " << tile << " runs";
+      for (const auto& [start, len] : a->freeBlkStartIndexToSz()) os << " " << start << "+" << len;
+      os << "\n";
+    }
+  }
+  if (detail.queue) {
+    const QueueMetadata& md = sm.status()->pendingCmdMetadata();
+    os << "queue " << sm.status()->pendingCmds() << " head " << md.head << " tail " << md.tail << "\n";
+  }
+  if (detail.counters) {
+    os << "counters " << sm.numNhiOverflow() << " " << sm.numNhiBlockDefrag() << " " << sm.numHashShufflingAttempt()
+       << " " << sm.numHashShufflingSuccess() << "\n";
+  }
   return os.str();
 }
 

@@ -21,44 +21,32 @@ using Agent::Route;
 const std::vector<Route>& routesV4() { return xplpm_test::realRoutes(false); }
 const std::vector<Route>& routesV6() { return xplpm_test::realRoutes(true); }
 
-// Several tables per tread so that a full or colliding position has somewhere
-// else to go; enough NHI for a default-free table.
-test::Geometry geometryV4() {
+struct TreadGroup {
+  U8 tread;
+  U32 depth;
+  int count;
+};
+
+// Several wide tables per tread so that a full or colliding position has
+// somewhere else to go; enough NHI for a default-free table.
+test::Geometry geometry(std::initializer_list<TreadGroup> groups, U8 tiles) {
   test::Geometry g;
   U8 id = 0;
-  auto add = [&](U8 tread, U32 depth, int count) {
-    for (int i = 0; i < count; ++i, ++id) g.tables.push_back({id, tread, depth, prefixTableWide256b, id % 4u});
-  };
-  add(36, 32768, 4);
-  add(32, 16384, 4);
-  add(28, 4096, 4);
-  add(24, 256, 4);
-  add(20, 16, 2);
-  add(16, 2, 1);
+  for (const TreadGroup& t : groups)
+    for (int i = 0; i < t.count; ++i, ++id) g.tables.push_back({id, t.tread, t.depth, prefixTableWide256b, id % 4u});
   g.pairsPerEntry = 6;
   g.baseWidth = 16;
   g.entriesPerTile = 65535;
-  g.tiles = 4;
+  g.tiles = tiles;
   return g;
 }
 
+test::Geometry geometryV4() {
+  return geometry({{36, 32768, 4}, {32, 16384, 4}, {28, 4096, 4}, {24, 256, 4}, {20, 16, 2}, {16, 2, 1}}, 4);
+}
+
 test::Geometry geometryV6() {
-  test::Geometry g;
-  U8 id = 0;
-  auto add = [&](U8 tread, U32 depth, int count) {
-    for (int i = 0; i < count; ++i, ++id) g.tables.push_back({id, tread, depth, prefixTableWide256b, id % 4u});
-  };
-  add(60, 16384, 4);
-  add(48, 8192, 4);
-  add(40, 2048, 4);
-  add(32, 256, 2);
-  add(24, 16, 2);
-  add(16, 2, 1);
-  g.pairsPerEntry = 6;
-  g.baseWidth = 16;
-  g.entriesPerTile = 65535;
-  g.tiles = 2;
-  return g;
+  return geometry({{60, 16384, 4}, {48, 8192, 4}, {40, 2048, 4}, {32, 256, 2}, {24, 16, 2}, {16, 2, 1}}, 2);
 }
 
 NextHopBlock blockFor(U64 origin) { return NextHopBlock(static_cast<U32>(8 * (origin % 256)), 8); }

@@ -201,8 +201,11 @@ XpXdk::xpChipProfile profileOf(const Common& c) {
   return *p;
 }
 
-// Program, then measure and verify: the start of every command but `profile`.
-std::unique_ptr<Session> programmed(const Common& c, const XpXdk::xpChipProfile& profile, RouteSet& set) {
+// Read the profile (a bad one is reported before any reading of routes), read
+// the routes, program, measure and verify: the start of every command but `profile`.
+std::unique_ptr<Session> programmed(const Common& c, RouteSet& set) {
+  const XpXdk::xpChipProfile profile = profileOf(c);
+  set = loadRoutes(c);
   auto s = std::make_unique<Session>(profile, runOptions(c));
   s->program(set.routes);
   s->survey();
@@ -211,17 +214,15 @@ std::unique_ptr<Session> programmed(const Common& c, const XpXdk::xpChipProfile&
 }
 
 int cmdRun(const Common& c) {
-  const XpXdk::xpChipProfile profile = profileOf(c);  // a bad profile is reported before any reading
-  RouteSet set = loadRoutes(c);
-  auto s = programmed(c, profile, set);
+  RouteSet set;
+  auto s = programmed(c, set);
   emit(runJson(*s, set, c), c);
   return 0;
 }
 
 int cmdRestart(const Common& c) {
-  const XpXdk::xpChipProfile profile = profileOf(c);  // a bad profile is reported before any reading
-  RouteSet set = loadRoutes(c);
-  auto s = programmed(c, profile, set);
+  RouteSet set;
+  auto s = programmed(c, set);
   json j = runJson(*s, set, c);
   std::string before[2];
   for (bool v6 : {false, true}) before[v6] = XpLib::Agent::modelSnapshot(*s->agent().family(v6).sm);
@@ -256,9 +257,8 @@ int cmdRestart(const Common& c) {
 }
 
 int cmdChurn(const Common& c) {
-  const XpXdk::xpChipProfile profile = profileOf(c);  // a bad profile is reported before any reading
-  RouteSet set = loadRoutes(c);
-  auto s = programmed(c, profile, set);
+  RouteSet set;
+  auto s = programmed(c, set);
   json j = runJson(*s, set, c);
   auto& agent = s->agent();
   std::mt19937_64 rng(c.seed);
@@ -331,9 +331,8 @@ void writeFillSvg(Session& s, const std::string& path) {
 }
 
 int cmdShow(const Common& c) {
-  const XpXdk::xpChipProfile profile = profileOf(c);  // a bad profile is reported before any reading
-  RouteSet set = loadRoutes(c);
-  auto s = programmed(c, profile, set);
+  RouteSet set;
+  auto s = programmed(c, set);
   auto& agent = s->agent();
   std::fflush(stdout);
   if (c.what == "fill") {

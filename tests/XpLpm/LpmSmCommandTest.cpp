@@ -24,28 +24,6 @@ Geometry tablesOf(std::vector<TableSpec> tables, U8 pairs = 8) {
   return g;
 }
 
-struct Rig {
-  Ptr<ConfigV4> cfg;
-  Ptr<Status> status = statusFactory("status");
-  Ptr<LpmSm> sm;
-
-  explicit Rig(const Geometry& g) : cfg(makeConfigV4(g)) { sm = LpmSmIs("sm", cfg, status, nullptr); }
-  Ptr<LpmPrefix> prefix(const std::string& text) const { return v4(cfg, text); }
-  Ptr<LpmPrefix> route(const std::string& text, NextHopBlock block) {
-    Ptr<LpmPrefix> p = prefix(text);
-    cfg->requestIs(p, block);
-    return p;
-  }
-  Ptr<PrefixTable> table(U8 id) const { return sm->prefixTable(PrefixTableId(id)); }
-  // Every queued command, oldest first; the queue is left empty.
-  std::vector<Ptr<CommandBase>> take() {
-    std::vector<Ptr<CommandBase>> out;
-    for (const auto& entry : status->pendingCmdQueue()) out.push_back(entry.second);
-    while (status->pendingCmds()) status->pendingCmdDeq();
-    return out;
-  }
-};
-
 const NextHopBlock kEmpty;
 
 void expectNhi(const Ptr<CommandBase>& cmd, const NhiTableIdx& index, const std::vector<NextHopBlock>& blocks) {

@@ -12,6 +12,7 @@
 
 #include "support/TestSupport.h"
 #include "LpmTestSupport.h"
+#include "agent/ModelSnapshot.h"
 #include "platform/Trace.h"
 
 namespace XpLib {
@@ -34,29 +35,6 @@ Geometry oneTable(U8 pairs = 8, U16 entriesPerTile = 64, U8 tiles = 1, U32 depth
   return geometry({{0, 24, depth}}, pairs, entriesPerTile, tiles);
 }
 
-struct Rig {
-  Ptr<ConfigV4> cfg;
-  Ptr<Status> status = statusFactory("status");
-  Ptr<LpmSm> sm;
-
-  explicit Rig(const Geometry& g, bool shuffling = true) : cfg(makeConfigV4(g)) {
-    sm = LpmSmIs("sm", cfg, status, nullptr);
-    sm->hashShufflingEnabledIs(shuffling);
-  }
-  Ptr<LpmPrefix> prefix(const std::string& text) const { return v4(cfg, text); }
-  Ptr<LpmPrefix> route(const std::string& text, NextHopBlock block) {
-    Ptr<LpmPrefix> p = prefix(text);
-    cfg->requestIs(p, block);
-    return p;
-  }
-  Ptr<PrefixTable> table(U8 id) const { return sm->prefixTable(PrefixTableId(id)); }
-  Ptr<SubTrie> at(U8 id, const Ptr<LpmPrefix>& p) const { return table(id)->subTrie(table(id)->positionOf(p)); }
-  bool installed(const Ptr<LpmPrefix>& p) const { return static_cast<bool>(sm->prefixToSubTrie(p)); }
-  void drain() {
-    while (status->pendingCmds()) status->pendingCmdDeq();
-  }
-};
-
 // First octets N whose routes "N.0.0.0/24" take pairwise distinct positions in table `id`.
 std::vector<std::string> spreadOctets(const Rig& r, U8 id, int n) {
   std::set<U32> used;
@@ -69,61 +47,9 @@ std::vector<std::string> spreadOctets(const Rig& r, U8 id, int n) {
   return out;
 }
 
-std::string keyText(const NhiInfoKey& key) {
-  std::ostringstream os;
-  for (const auto& [slot, block] : key) os << +slot << ":" << block.base() << "x" << block.size() << " ";
-  return os.str();
-}
-
-// The whole model as ordered text, so that two states compare equal exactly when every table,
-// sub-trie, shared record, block, allocator, queue and Status entry is the same.
+// The whole model and the machine's queue and counters, as ordered text.
 std::string snapshot(const LpmSm& sm, bool withQueue = true) {
-  std::map<std::string, std::string> lines;
-  for (const auto& [id, table] : sm.prefixTableMap()) {
-    for (const auto& [idx, st] : table->subTrieMap()) {
-      std::ostringstream os;
-      os << "branch " << st->branch() << " len " << +st->branchLen() << " stride " << +st->stride() << " mode "
-         << st->mode() << " max " << +st->maxPrefixSlot() << " n " << st->numPrefixes() << " base " << st->nhiBaseIdx()
-         << " blkSz " << +st->nhiBlkSize() << " key " << keyText(st->nhiInfoKey()) << " slots";
-      for (U32 s = 0; s < st->maxPrefixSlot(); ++s) {
-        Ptr<LpmPrefix> p = st->prefix(static_cast<U8>(s));
-        os << " " << (p ? p->stringValue() : "-") << (st->prefixBitmap()->isSet(s) ? "+" : "");
-      }
-      char k[32];
-      std::snprintf(k, sizeof k, "subTrie %02u/%05u", id.value(), idx.value());
-      lines[k] = os.str();
-    }
-  }
-  for (const auto& [key, info] : sm.sharedNhiMap())
-    lines["sharedNhi " + keyText(key)] = info->nhiBaseIdx().str() + " count " + std::to_string(info->subTrieCount());
-  for (const auto& [base, blk] : sm.nhiBaseIdxToBlkMap()) {
-    std::string holder = "?";
-    for (const auto& [tile, a] : sm.nhiAllocatorMap())
-      if (a.ptr() == blk->allocator()) holder = tile.str();
-    lines["blk " + base.str()] = std::to_string(blk->base()) + "+" + std::to_string(blk->blkSz()) + " in " + holder;
-  }
-  for (const auto& [base, set] : sm.nhiBaseIdxToSubTrieMap())
-    lines["set " + base.str()] = std::to_string(set->subTries());
-  for (const auto& [tile, a] : sm.nhiAllocatorMap()) {
-    std::ostringstream os;
-    os << a->freeEntries() << " runs";
-    for (const auto& [start, len] : a->freeBlkStartIndexToSz()) os << " " << start << "+" << len;
-    lines["tile " + tile.str()] = os.str();
-  }
-  for (const auto& [p, st] : sm.prefixToSubTrieMap())
-    lines["installed " + p->stringValue()] = st->table()->tableId().str() + "/" + st->index().str();
-  for (const auto& [p, block] : sm.status()->prefixToNextHopBlockMap())
-    lines["status " + p->stringValue()] = block.base().str() + "x" + block.size().str();
-  const QueueMetadata& md = sm.status()->pendingCmdMetadata();
-  if (withQueue)
-    lines["queue"] = std::to_string(sm.status()->pendingCmds()) + " head " + std::to_string(md.head) + " tail " +
-                   std::to_string(md.tail);
-  lines["counters"] = std::to_string(sm.numNhiOverflow()) + " " + std::to_string(sm.numNhiBlockDefrag()) + " " +
-                      std::to_string(sm.numHashShufflingAttempt()) + " " +
-                      std::to_string(sm.numHashShufflingSuccess());
-  std::string out;
-  for (const auto& [k, v] : lines) out += k + ": " + v + "\n";
-  return out;
+  return Agent::modelSnapshot(sm, {true, withQueue, true});
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -30,6 +30,38 @@ inline NextHopBlock nh(U32 base, U16 size = 1) { return NextHopBlock(base, size)
 
 // Checks every invariant that links prefixes, sub-tries, shared records, blocks
 // and allocators; reports through gtest so a failing step names itself.
+// One IPv4 state machine over a hand-built geometry, with short ways to request
+// routes and look at what they became.
+struct Rig {
+  Ptr<ConfigV4> cfg;
+  Ptr<Status> status = statusFactory("status");
+  Ptr<LpmSm> sm;
+
+  explicit Rig(const Geometry& g, bool shuffling = true) : cfg(makeConfigV4(g)) {
+    sm = LpmSmIs("sm", cfg, status, nullptr);
+    sm->hashShufflingEnabledIs(shuffling);
+  }
+  Ptr<LpmPrefix> prefix(const std::string& text) const { return v4(cfg, text); }
+  Ptr<LpmPrefix> route(const std::string& text, NextHopBlock block) {
+    Ptr<LpmPrefix> p = prefix(text);
+    cfg->requestIs(p, block);
+    return p;
+  }
+  Ptr<PrefixTable> table(U8 id) const { return sm->prefixTable(PrefixTableId(id)); }
+  Ptr<SubTrie> at(U8 id, const Ptr<LpmPrefix>& p) const { return table(id)->subTrie(table(id)->positionOf(p)); }
+  bool installed(const Ptr<LpmPrefix>& p) const { return static_cast<bool>(sm->prefixToSubTrie(p)); }
+  // Every queued command, oldest first; the queue is left empty.
+  std::vector<Ptr<CommandBase>> take() {
+    std::vector<Ptr<CommandBase>> out;
+    for (const auto& entry : status->pendingCmdQueue()) out.push_back(entry.second);
+    drain();
+    return out;
+  }
+  void drain() {
+    while (status->pendingCmds()) status->pendingCmdDeq();
+  }
+};
+
 // Routes for which `stale` answers true (their last update found no NHI block)
 // skip the per-route check of their next-hop block.
 inline void checkModel(const LpmSm& sm, const std::function<bool(const Ptr<LpmPrefix>&)>& stale = {}) {

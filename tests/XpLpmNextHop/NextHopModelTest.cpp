@@ -1,5 +1,6 @@
 // Tests of the next-hop model: identifiers and blocks (defaults, parse, hash, text), block lists,
 // and the Config and Status entities (lookups, notifications, the shuffle queue's index rule).
+#include "support/TestSupport.h"
 #include "XpLpmNextHop/XpLpmNextHop.h"
 
 #include <gtest/gtest.h>
@@ -17,17 +18,7 @@ namespace XpLpmNextHop {
 namespace {
 
 U32 referenceBlockHash(U32 base, U16 size) {
-  const U8 bytes[6] = {U8(base), U8(base >> 8), U8(base >> 16), U8(base >> 24), U8(size), U8(size >> 8)};
-  U32 h = 0;
-  for (U8 b : bytes) {
-    h += b;
-    h += h << 10;
-    h ^= h >> 6;
-  }
-  h += h << 3;
-  h ^= h >> 11;
-  h += h << 15;
-  return h;
+  return xplpm_test::oneAtATimeReference({U8(base), U8(base >> 8), U8(base >> 16), U8(base >> 24), U8(size), U8(size >> 8)});
 }
 
 TEST(NextHopValueTest, DefaultsMeanNone) {

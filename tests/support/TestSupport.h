@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -42,6 +43,21 @@ void expectThrowMessage(const std::function<void()>& f, const std::string& messa
   } catch (const Ex& e) {
     EXPECT_EQ(std::string(e.what()), message);
   }
+}
+
+// Jenkins one-at-a-time over a byte stream, written out plainly as the reference
+// for the model's own hashes.
+inline std::uint32_t oneAtATimeReference(const std::vector<std::uint8_t>& bytes) {
+  std::uint32_t h = 0;
+  for (std::uint8_t b : bytes) {
+    h += b;
+    h += h << 10;
+    h ^= h >> 6;
+  }
+  h += h << 3;
+  h ^= h >> 11;
+  h += h << 15;
+  return h;
 }
 
 }  // namespace xplpm_test

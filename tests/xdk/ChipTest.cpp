@@ -303,22 +303,6 @@ TEST(ChipLookup, NumSlotsBoundsTheSlotsAndPicksTheNhiPair) {
   }
 }
 
-TEST(ChipMemory, GeometryAndRejectedContexts) {
-  xpLpmMemory memory(kV6);
-  EXPECT_EQ(memory.nhiTiles(), 2u);
-  EXPECT_EQ(memory.nhiEntriesPerTile(), 64u);
-  for (U32 depth : {0u, 1u}) {
-    xpLpmTableContext c = kV4;
-    c.prefixTableContext[7].depth = depth;
-    EXPECT_THROW(xpLpmMemory{c}, std::invalid_argument) << "depth " << depth;
-  }
-  xpLpmTableContext c = kV4;
-  c.nhiTileBitmapValidMask = 0x04;  // only byte 2 counts
-  EXPECT_EQ(xpLpmMemory(c).nhiTiles(), 8u);
-  c.nhiTileBitmapValidMask = 0;
-  EXPECT_EQ(xpLpmMemory(c).nhiTiles(), 0u);
-}
-
 TEST(ChipMemory, OutOfRangeAccessesReturn11) {
   xpChip chip(kV4, kV6, xpNhTableContext{32});
   xpLpmMemory& v4 = chip.lpm(false);
