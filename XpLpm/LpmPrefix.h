@@ -54,8 +54,11 @@ std::ostream& operator<<(std::ostream& os, const LpmPrefix& p);
 struct LpmPrefixHash {
   U32 operator()(const Ptr<LpmPrefix>& p) const { return p->keyHash(); }
 };
+// A null entry (a free slot of a prefix list) equals only another null entry.
 struct LpmPrefixEq {
-  bool operator()(const Ptr<LpmPrefix>& a, const Ptr<LpmPrefix>& b) const { return a == b || a->keyEquals(*b); }
+  bool operator()(const Ptr<LpmPrefix>& a, const Ptr<LpmPrefix>& b) const {
+    return a == b || (a && b && a->keyEquals(*b));
+  }
 };
 struct LpmPrefixLess {
   bool operator()(const Ptr<LpmPrefix>& a, const Ptr<LpmPrefix>& b) const { return a->keyLess(*b); }

@@ -1,5 +1,7 @@
 // NHI blocks: sizing, allocation over the tiles with compaction, and sharing of
 // one block by every sub-trie whose next-hop contents are equal.
+#include <algorithm>
+
 #include "XpLpm/XpLpmSm.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
@@ -30,9 +32,38 @@ bool LpmSm::isNhiBlockAvailable(U8 numPrefixes) {
   return false;
 }
 
+U8 LpmSm::maxSubTrieSlots() const {
+  const auto& strides = config_->availableStrideMap();
+  U8 smallest = 0;
+  for (const auto& [stride, available] : strides) {
+    if (available && stride > 0) {
+      smallest = stride;
+      break;
+    }
+  }
+  if (smallest == 0) return 0;
+  U32 widest = 0;
+  for (const auto& [id, cfg] : config_->prefixTableConfigMap()) widest = std::max(widest, cfg->entrySize());
+  return static_cast<U8>(std::min<U32>(widest / smallest, 255));
+}
+
+U8 LpmSm::nhiBlockSizeToDelete(const Ptr<LpmPrefix>& prefix) const {
+  const Ptr<SubTrie> subTrie = prefixToSubTrie(prefix);
+  if (!subTrie || subTrie->numPrefixes() <= 1) return 0;
+  // The key the deletion will ask for: the other prefixes, compacted in slot order.
+  NhiInfoKey key;
+  U8 slot = 0;
+  for (const Ptr<LpmPrefix>& p : subTrie->slots()) {
+    if (!p || LpmPrefixEq()(p, prefix)) continue;
+    key.newSlotToNextHopBlock(slot++, requestedBlock(p));
+  }
+  if (key == subTrie->nhiInfoKey() || sharedNhi_.contains(key)) return 0;
+  return nhiBlockSize(slot);
+}
+
 // The block is the last visited tile's, filed under the first tile visited. This
 // is the established placement rule: with several tiles the offset may belong to
-// another tile's allocator.
+// another tile's allocator. nhiOwnTileFilingEnabled files it under its own tile.
 NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
   const U8 size = nhiBlockSize(numPrefixes);
   XP_TRACE(7, "LpmSm::allocateNhiBlock numPrefixes " << +numPrefixes << " allocate a block of " << +size);
@@ -53,6 +84,7 @@ NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
   // giving back a block leaves an allocator exactly as it was, so the blocks that
   // would be given up are not taken at all.
   BestFitAllocator* last = nullptr;
+  NhiTileIdx lastTile = firstTile;
   for (U32 n = 0; n < tiles; ++n) {
     const auto& [tile, allocator] = *(nhiAllocator_.begin() + (first + n) % tiles);
     XP_TRACE(7, "LpmSm::allocateNhiBlock trying to allocate in tile " << tile << " free entries "
@@ -66,6 +98,7 @@ NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
       XP_ASSERT_TEXT(allocator->canAlloc(size), "blk");
     }
     last = allocator.ptr();
+    lastTile = tile;
   }
   Ptr<Blk> held = last ? last->alloc(size) : Ptr<Blk>();
   if (!held) {
@@ -73,11 +106,12 @@ NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
     numNhiOverflowInc(1);
     return NhiTableIdx();
   }
-  const NhiTableIdx result(firstTile, static_cast<U16>(held->base()));
+  const NhiTileIdx filedTile = nhiOwnTileFilingEnabled_ ? lastTile : firstTile;
+  const NhiTableIdx result(filedTile, static_cast<U16>(held->base()));
   gLastNhiTile = firstTile.value();
   nhiBaseIdxToBlkIs(result, held);
   XP_TRACE(7, "LpmSm::allocateNhiBlock allocated a block of " << +size << " nhiIdx " << result << " free entries "
-                                                              << nhiAllocator(firstTile)->freeEntries());
+                                                              << nhiAllocator(filedTile)->freeEntries());
   return result;
 }
 
@@ -181,6 +215,7 @@ Ptr<NhiInfo> LpmSm::allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKe
   if (!set) set = subTrieSetFactory();
   set->subTrieIs(subTrie);
   nhiInfo->subTrieCountInc(1);
+  if (nhiInfo->subTrieCount() > 1) nhiSharedDeleteNeed_ += nhiBlockSize(static_cast<U8>(key.slotToNextHopBlocks() - 1));
   subTrie->nhiBaseIdxIs(nhiBaseIdx);
   subTrie->nhiInfoKeyIs(key);
   return nhiInfo;
@@ -208,6 +243,7 @@ void LpmSm::releaseNhiInfo(const Ptr<SubTrie>& subTrie) {
 
   subTrieSet->subTrieDel(subTrie);
   if (subTrieSet->subTries() == 0) nhiBaseIdxToSubTrie_.erase(nhiBaseIdx);
+  if (nhiInfo->subTrieCount() > 1) nhiSharedDeleteNeed_ -= nhiBlockSize(static_cast<U8>(nhiInfoKey.slotToNextHopBlocks() - 1));
   nhiInfo->subTrieCountDec(1);
   if (nhiInfo->subTrieCount() > 0) {
     XP_TRACE(7, "LpmSm::releaseNhiInfo not releasing nhiInfo " << nhiInfo->str());

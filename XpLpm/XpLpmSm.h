@@ -83,6 +83,12 @@ class LpmSm : public PtrInterface {
   // The tile the last NHI block was handed out from, shared by every instance; 255 before the first.
   static U8 lastNhiTile();
   static void lastNhiTileIs(U8 tile);
+  // The most prefix slots one sub-trie can hold: the widest entry at the smallest stride.
+  U8 maxSubTrieSlots() const;
+  // NHI entries that deleting an installed prefix would take: the block its sub-trie needs for
+  // the prefixes that remain, or 0 when the sub-trie empties or their contents are already
+  // shared. The deletion stops the process when no tile has that many free entries.
+  U8 nhiBlockSizeToDelete(const Ptr<LpmPrefix>& prefix) const;
 
   // --- NHI sharing
   NhiInfoKey generateNhiInfoKey(const Ptr<SubTrie>& subTrie) const;
@@ -158,10 +164,23 @@ class LpmSm : public PtrInterface {
   void nhiSharingEnabledIs(bool b) { nhiSharingEnabled_ = b; }
   bool hashShufflingEnabled() const { return hashShufflingEnabled_; }
   void hashShufflingEnabledIs(bool b) { hashShufflingEnabled_ = b; }
+  // Off by default: a block is filed under the first tile visited, whichever tile's allocator
+  // holds its entries. With several tiles that filing lets a compaction meet moved blocks it
+  // has no record of (it stops on "subTrieSetOld"), lets two blocks of different tiles share
+  // one base index, and after a restart makes recovery claim each block in the tile the chip
+  // names, so that later blocks are written over recovered ones. On, a block is filed under
+  // the tile whose allocator holds it, which the hardware writes then follow.
+  bool nhiOwnTileFilingEnabled() const { return nhiOwnTileFilingEnabled_; }
+  void nhiOwnTileFilingEnabledIs(bool b) { nhiOwnTileFilingEnabled_ = b; }
   bool initialized() const { return initialized_; }
   void initializedIs(bool b) { initialized_ = b; }
   // The outcome of the last insertion, so that an owner can say why a route was not placed.
   RouteReturnCode lastInsertReturnCode() const { return lastInsertReturnCode_; }
+  // NHI entries that deletions could take beyond what they give back: a sub-trie that shares its
+  // block and loses a prefix needs a block of its own for the rest. For every block used by c
+  // sub-tries of n prefixes that is (c - 1) * nhiBlockSize(n - 1); the last user gives the shared
+  // block back. Kept as sharing records change, so that an owner can keep that much room.
+  U64 nhiSharedDeleteNeed() const { return nhiSharedDeleteNeed_; }
 
  private:
   void createNhiAllocators();
@@ -184,7 +203,9 @@ class LpmSm : public PtrInterface {
   U64 numHashShufflingSuccess_ = 0;
   bool nhiSharingEnabled_ = true;
   bool hashShufflingEnabled_ = true;
+  bool nhiOwnTileFilingEnabled_ = false;
   bool initialized_ = false;
+  U64 nhiSharedDeleteNeed_ = 0;
   RouteReturnCode lastInsertReturnCode_ = pass;
 };
 

@@ -2,8 +2,12 @@
 // groups and writers.
 #include "agent/XpLpmAgent.h"
 
+#include <charconv>
 #include <chrono>
+#include <cstdlib>
 #include <map>
+#include <optional>
+#include <string_view>
 
 #include "XpLpmConfigurator/XpLpmConfigurator.h"
 #include "agent/AgentRestartHelper.h"
@@ -11,16 +15,85 @@
 namespace XpLib {
 namespace Agent {
 
-XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups)
-    : profile_(profile), nextHopGroups_(nextHopGroups ? nextHopGroups : 1) {
+std::string RouteResult::code() const {
+  switch (state) {
+    case RouteState::installed: return "installed";
+    case RouteState::lpmRefused: return XpLpm::stringValue(lpmCode);
+    case RouteState::nextHopTableFull: return "nextHopTableFull";
+    case RouteState::nhiReserve: return "nhiReserve";
+    case RouteState::nhiTableFull: return "nhiTableFull";
+  }
+  return "unknown";
+}
+
+namespace {
+
+// A variable the library reads with strtol, which takes whatever leading digits there are: only
+// a plain decimal number within [lo, hi] means what it says.
+std::optional<std::string> badNumber(const char* name, U64 lo, U64 hi, const std::string& why, U64* value) {
+  const char* text = std::getenv(name);
+  if (!text) return std::nullopt;
+  const std::string_view v(text);
+  U64 n = 0;
+  const auto [end, ec] = std::from_chars(v.data(), v.data() + v.size(), n);
+  if (v.empty() || ec != std::errc() || end != v.data() + v.size())
+    return std::string(name) + "='" + std::string(v) + "' is not a decimal number";
+  if (n < lo || n > hi)
+    return std::string(name) + "=" + std::to_string(n) + " is outside " + std::to_string(lo) + ".." +
+           std::to_string(hi) + ": " + why;
+  if (value) *value = n;
+  return std::nullopt;
+}
+
+// Key bits of the widest prefix-table entry of a family, which holds the most slots.
+U32 widestEntryBits(const XpXdk::xpLpmTableContext& c) {
+  U32 bits = 0;
+  for (const auto& t : c.prefixTableContext)
+    if (t.valid) bits = std::max(bits, t.sramWidth == 128 ? 88u : 216u);
+  return bits;
+}
+
+}  // namespace
+
+std::vector<std::string> environmentProblems(const XpXdk::xpChipProfile& profile) {
+  std::vector<std::string> problems;
+  auto note = [&](std::optional<std::string> p) {
+    if (p) problems.push_back(std::move(*p));
+  };
+  note(badNumber("MAX_LPM_PREFIXTABLE_SRAM_ENTRIES", 2, U64(1) << 24,
+                 "every prefix table hashes into that many entries, which needs at least 2", nullptr));
+  note(badNumber("NHI_TABLE_SIZE", 1, 0xFFFF, "it also becomes the entries of one NHI tile, a 16-bit count", nullptr));
+  note(badNumber("NUMBER_OF_NHI_TILES", 1, 0xFF, "the library counts tiles in 8 bits", nullptr));
+  // The smallest stride the library offers is 8: a sub-trie holds at most entry bits / 8 slots.
+  U64 needed = 1;
+  for (const auto* c : {&profile.ipv4, &profile.ipv6}) {
+    if (c->nhiPairPerEntry == 0) continue;
+    const U64 slots = widestEntryBits(*c) / 8;
+    needed = std::max<U64>(needed, (slots + c->nhiPairPerEntry - 1) / c->nhiPairPerEntry);
+  }
+  note(badNumber("NHI_MAX_BLOCK_SIZE", needed, 0xFFFF,
+                 "an NHI block of up to " + std::to_string(needed) +
+                     " entries is needed for a full sub-trie, and a tile that cannot hand it out stops the process",
+                 nullptr));
+  U64 nhTable = profile.nextHop.rowBlkInc;
+  note(badNumber("NH_TABLE_SIZE", 1, profile.nextHop.rowBlkInc,
+                 "the chip's next-hop table has " + std::to_string(profile.nextHop.rowBlkInc) + " entries", &nhTable));
+  note(badNumber("NH_MAX_BLOCK_SIZE", 1, std::max<U64>(nhTable, 1),
+                 "a group's block cannot be larger than the next-hop table", nullptr));
+  return problems;
+}
+
+XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, const AgentOptions& options)
+    : profile_(profile), options_(options) {
   chip_ = std::make_shared<XpXdk::xpChip>(profile.ipv4, profile.ipv6, profile.nextHop);
   configure();
   startFamily(v4_, configV4_, "ipv4", false, false);
   startFamily(v6_, configV6_, "ipv6", true, false);
 }
 
-XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip, U32 nextHopGroups)
-    : profile_(profile), nextHopGroups_(nextHopGroups ? nextHopGroups : 1), chip_(std::move(chip)) {
+XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip,
+                       const AgentOptions& options)
+    : profile_(profile), options_(options), chip_(std::move(chip)) {
   configure();
   startFamily(v4_, configV4_, "ipv4", false, true);
   startFamily(v6_, configV6_, "ipv6", true, true);
@@ -30,6 +103,9 @@ XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXd
 XpLpmAgent::~XpLpmAgent() = default;
 
 void XpLpmAgent::configure() {
+  if (options_.nextHopGroups == 0) throw AgentError("nextHopGroups must be at least 1");
+  if (const std::vector<std::string> problems = environmentProblems(profile_); !problems.empty())
+    throw AgentError(problems.front());
   systemStatus_ = XpXdk::systemStatusFor(profile_);
   configV4_ = XpLpm::configV4Factory("ipv4");
   configV6_ = XpLpm::configV6Factory("ipv6");
@@ -37,6 +113,36 @@ void XpLpmAgent::configure() {
   xpLpmConfiguratorFactory(systemStatus_, configV4_, configV6_, nhConfig_, nullptr)->doConfig();
   nhStatus_ = XpLpmNextHop::statusFactory("nexthop");
   nhSm_ = XpLpmNextHop::LpmNextHopSmIs("nexthop", nhConfig_, nhStatus_);
+  checkGeometry();
+}
+
+// The library sizes everything from the configuration, the chip from its own table contexts: a
+// disagreement would send writes past the chip's tables and lookups to other entries.
+void XpLpmAgent::checkGeometry() const {
+  for (bool v6 : {false, true}) {
+    const XpLpm::ConfigBase& cfg = v6 ? static_cast<const XpLpm::ConfigBase&>(*configV6_) : *configV4_;
+    const XpXdk::xpLpmMemory& lpm = chip_->lpm(v6);
+    const std::string family = v6 ? "ipv6" : "ipv4";
+    if (cfg.nhiAvailableTiles() != lpm.nhiTiles() || cfg.nhiEntriesPerTile() != lpm.nhiEntriesPerTile()) {
+      throw AgentError(family + " NHI: the chip has " + std::to_string(lpm.nhiTiles()) + " tiles of " +
+                       std::to_string(lpm.nhiEntriesPerTile()) + " entries, the library was configured for " +
+                       std::to_string(cfg.nhiAvailableTiles()) + " tiles of " +
+                       std::to_string(cfg.nhiEntriesPerTile()) + " entries");
+    }
+    for (const auto& [id, table] : cfg.prefixTableConfigMap()) {
+      const XpXdk::xpPrefixTableContext& ctx = lpm.context().prefixTableContext[id.value()];
+      if (ctx.depth != table->depth() || ctx.tread != table->tread()) {
+        throw AgentError(family + " prefix table " + id.str() + ": the chip has " + std::to_string(ctx.depth) +
+                         " entries at tread " + std::to_string(ctx.tread) + ", the library was configured for " +
+                         std::to_string(table->depth()) + " at tread " + std::to_string(table->tread()));
+      }
+    }
+  }
+  const U32 nhEntries = nhSm_->allocator()->entriesCapacity();
+  if (nhEntries > chip_->nextHopEntries()) {
+    throw AgentError("next-hop table: the chip has " + std::to_string(chip_->nextHopEntries()) +
+                     " entries, the library was configured for " + std::to_string(nhEntries));
+  }
 }
 
 void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6,
@@ -51,6 +157,10 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
   }
   const auto t0 = std::chrono::steady_clock::now();
   f.sm = XpLpm::LpmSmIs(name, config, f.status, helper);
+  // Set once the machine has started: its start-up replays only what recovery found in the chip,
+  // which keeps every block it has, so no block is filed before the switch is on.
+  f.sm->nhiOwnTileFilingEnabledIs(options_.nhiOwnTileFiling);
+  f.largestNhiBlock = f.sm->nhiBlockSize(f.sm->maxSubTrieSlots());
   f.writer = std::make_unique<HwWriter>(f.status, config, &chip_->lpmMgr(ipv6));
   f.writer->drain();
   if (!warm) return;
@@ -67,50 +177,76 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
 }
 
 void XpLpmAgent::restoreGroups() {
-  // The blocks the recovered routes point at, by base; each one's entries name
-  // its group. Entries no route points at are leftovers of blocks given up.
-  std::map<U32, std::pair<SwId, U16>> blocks;
+  // The blocks the recovered routes point at, by base. A block's entries name its group and
+  // their members; its width is the run of that group's members from the base, as the chip holds
+  // it, whatever a route's NHI pair says. Entries no route points at are leftovers of blocks
+  // given up; a base that names no group's first member is not restored, and the routes that
+  // point there are re-pointed by reconcile.
+  struct Restored {
+    SwId group;
+    U32 width;
+  };
+  const U32 tableSize = nhSm_->allocator()->entriesCapacity();
+  const U32 maxWidth = maxGroupWidth();
+  std::map<U32, Restored> blocks;
   for (bool v6 : {false, true}) {
     for (const auto& [prefix, block] : family(v6).config->requestMap()) {
-      XpXdk::xpNhEntry e;
       const U32 base = block.base().value();
-      if (blocks.count(base) || chip_->readNextHop(base, &e) != XpXdk::XP_NO_ERR) continue;
+      XpXdk::xpNhEntry e;
+      if (base >= tableSize || blocks.count(base) || chip_->readNextHop(base, &e) != XpXdk::XP_NO_ERR) continue;
       if (!(e.data & kGroupEntryValid) || memberOfEntry(e) != 0) continue;
-      blocks[base] = {groupOfEntry(e), block.size().value()};
+      const SwId group = groupOfEntry(e);
+      U32 width = 1;
+      for (XpXdk::xpNhEntry next; width < maxWidth && base + width < tableSize; ++width) {
+        if (chip_->readNextHop(base + width, &next) != XpXdk::XP_NO_ERR || !(next.data & kGroupEntryValid) ||
+            groupOfEntry(next) != group || memberOfEntry(next) != width)
+          break;
+      }
+      blocks[base] = Restored{group, width};
     }
   }
   // Fillers stand in the gaps so that each group lands at its old base.
   std::vector<SwId> fillers;
-  const U32 maxBlock = nhSm_->allocator()->maxBlkSz();
   U64 nextFiller = U64(1) << 47;
   auto fill = [&](U32 from, U32 to) {
     while (from < to) {
-      const U32 n = std::min(to - from, maxBlock);
+      const U32 n = std::min(to - from, maxWidth);
       fillers.push_back(SwId(nextFiller++));
       nhConfig_->requestIs(fillers.back(), Nway(static_cast<U16>(n)));
       from += n;
     }
   };
   U32 cursor = 0;
-  for (const auto& [base, group] : blocks) {
-    if (groups_.contains(group.first)) continue;
+  for (const auto& [base, restored] : blocks) {
+    if (groups_.contains(restored.group) || base < cursor) continue;
     fill(cursor, base);
-    groups_.set(group.first, Group{Nway(group.second), {}});
-    nhConfig_->requestIs(group.first, Nway(group.second));
+    const Nway width(static_cast<U16>(restored.width));
+    groups_.set(restored.group, Group{width, {}});
+    nhConfig_->requestIs(restored.group, width);
     ++restartReport_.groupsRestored;
-    if (groupBlock(group.first).base().value() != base) ++restartReport_.groupsMisplaced;
-    cursor = base + group.second;
+    if (groupBlock(restored.group).base().value() != base) ++restartReport_.groupsMisplaced;
+    cursor = base + restored.width;
   }
   for (SwId f : fillers) nhConfig_->requestDel(f);
   while (nhStatus_->shuffleCmds()) nhStatus_->shuffleCmdDeq();
 }
 
-XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& wanted) {
+XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& wanted,
+                                                  const std::vector<std::pair<SwId, Nway>>& wantedWidths) {
   ReconcileReport report;
+  HashMap<SwId, bool> named;
+  // Widths first: a route requested before its group's resize would be written twice.
+  for (const auto& [group, width] : wantedWidths) {
+    named.set(group, true);
+    const Group* g = groups_.find(group);
+    if (g && g->width == width && groupBlock(group) != NextHopBlock()) continue;
+    if (groupWidthIs(group, width) != GroupResult::badWidth && g) ++report.groupsResized;
+  }
   for (const Route& r : wanted) {
     Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
     const NextHopBlock before = family(r.ipv6).config->request(prefix);
     routeIs(r);
+    named.set(groupOf(r.nextHop), true);
     const NextHopBlock after = family(r.ipv6).config->request(prefix);
     if (before == NextHopBlock()) {
       ++report.added;
@@ -122,12 +258,18 @@ XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& want
     Family& f = family(v6);
     std::vector<Ptr<XpLpm::LpmPrefix>> unwanted;
     for (const auto& [prefix, block] : f.config->requestMap())
-      if (!routeGroup_.contains(prefix)) unwanted.push_back(prefix);
+      if (!routes_.contains(prefix)) unwanted.push_back(prefix);
     for (const auto& prefix : unwanted) {
-      f.config->requestDel(prefix);
-      f.writer->drain();
+      withdraw(prefix);
       ++report.withdrawn;
     }
+  }
+  std::vector<SwId> idle;
+  for (const auto& [group, g] : groups_)
+    if (g.routes.empty() && !named.contains(group)) idle.push_back(group);
+  for (SwId group : idle) {
+    groupDel(group);
+    ++report.groupsDropped;
   }
   return report;
 }
@@ -141,21 +283,28 @@ XpLpmAgent::Group& XpLpmAgent::groupIs(SwId group) {
   return *groups_.find(group);
 }
 
-void XpLpmAgent::groupWidthIs(SwId group, Nway width) {
+U32 XpLpmAgent::maxGroupWidth() const {
+  const BestFitAllocator& a = *nhSm_->allocator();
+  // 65535 is no width at all: a request of that size is a withdrawal.
+  return std::min({a.maxBlkSz(), a.entriesCapacity(), U32(0xFFFE)});
+}
+
+GroupResult XpLpmAgent::groupWidthIs(SwId group, Nway width) {
+  if (width.value() == 0 || width.value() > maxGroupWidth()) return GroupResult::badWidth;
   groupIs(group).width = width;
   const NextHopBlock before = groupBlock(group);
   nhConfig_->requestIs(group, width);
   applyNextHopChanges(group, before);
+  const NextHopBlock after = groupBlock(group);
+  return after != NextHopBlock() && after.size() == width ? GroupResult::placed : GroupResult::noRoom;
 }
 
 void XpLpmAgent::groupDel(SwId group) {
   Group* g = groups_.find(group);
   if (!g) return;
   for (const auto& [prefix, unused] : g->routes) {
-    Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
-    f.config->requestDel(prefix);
-    f.writer->drain();
-    routeGroup_.erase(prefix);
+    withdraw(prefix);
+    routes_.erase(prefix);
   }
   groups_.erase(group);
   nhConfig_->requestDel(group);
@@ -205,34 +354,108 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block) {
   if (!g) return;
   // Re-requesting may withdraw a route but never changes the group's membership.
   for (const auto& [prefix, unused] : g->routes) {
-    requestRoute(prefix, block);
+    const RouteResult result = requestRoute(prefix, block);
+    if (RouteRecord* record = routes_.find(prefix)) record->result = result;
     ++counters_.routesRepointed;
   }
 }
 
-void XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block) {
-  Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
-  if (block == NextHopBlock()) {
-    f.config->requestDel(prefix);
-    f.writer->drain();
-    return;
+bool XpLpmAgent::admits(const Family& f) const {
+  const NhiReserve reserve = nhiReserve(&f == &v6_);
+  return reserve.free >= reserve.entries;
+}
+
+XpLpmAgent::NhiReserve XpLpmAgent::nhiReserve(bool ipv6) const {
+  const XpLpm::LpmSm& sm = *family(ipv6).sm;
+  NhiReserve r;
+  U64 tiles = 0;
+  for (const auto& [tile, allocator] : sm.nhiAllocatorMap()) {
+    r.free += allocator->freeEntries();
+    ++tiles;
   }
-  const bool wasInstalled = static_cast<bool>(f.sm->prefixToSubTrie(prefix));
-  f.config->requestIs(prefix, block);
+  // A block must fit one tile: below `largest` free entries a tile may be unable to take any
+  // block, so that much of each tile does not count. Beyond that the reserve covers what
+  // deletions from shared blocks could take, one block for a deletion's transient need, and
+  // one block and one shared-record growth for the request being admitted.
+  const U64 largest = family(ipv6).largestNhiBlock;
+  r.entries = tiles * (largest ? largest - 1 : 0) + sm.nhiSharedDeleteNeed() + 3 * largest;
+  r.refused = refused_[ipv6];
+  return r;
+}
+
+bool XpLpmAgent::withdraw(const Ptr<XpLpm::LpmPrefix>& prefix) {
+  Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
+  if (f.sm->prefixToSubTrie(prefix)) {
+    const U8 need = f.sm->nhiBlockSizeToDelete(prefix);
+    bool room = need == 0;
+    for (const auto& [tile, allocator] : f.sm->nhiAllocatorMap()) room = room || allocator->freeEntries() >= need;
+    if (!room) {
+      deferred_.set(prefix, true);
+      return false;
+    }
+  }
+  deferred_.erase(prefix);
+  if (f.config->request(prefix) == NextHopBlock()) return true;
+  f.config->requestDel(prefix);
   f.writer->drain();
-  // An installed route whose update found no NHI room still points at the old
-  // block, which another group may soon be given: take it out instead.
-  if (wasInstalled && f.status->prefixToNextHopBlock(prefix) != block) {
-    f.config->requestDel(prefix);
-    f.writer->drain();
-    ++counters_.routesWithdrawnOnMove;
+  if (!deferred_.empty()) retryDeferredWithdrawals();
+  return true;
+}
+
+void XpLpmAgent::retryDeferredWithdrawals() {
+  std::vector<Ptr<XpLpm::LpmPrefix>> waiting;
+  for (const auto& [prefix, unused] : deferred_) waiting.push_back(prefix);
+  for (const auto& prefix : waiting) {
+    if (!deferred_.contains(prefix)) continue;
+    deferred_.erase(prefix);
+    if (withdraw(prefix) && !routes_.contains(prefix)) forgetPrefix(prefix);
   }
 }
 
+void XpLpmAgent::forgetPrefix(const Ptr<XpLpm::LpmPrefix>& prefix) {
+  if (prefix->addressFamily() == XpLpm::AddressFamily::ipv6) {
+    configV6_->lpmPrefixDel(static_cast<const XpLpm::LpmPrefixV6&>(*prefix).vrfAndIp6Prefix());
+  } else {
+    configV4_->lpmPrefixDel(static_cast<const XpLpm::LpmPrefixV4&>(*prefix).vrfAndPrefix());
+  }
+}
+
+RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block) {
+  const bool v6 = prefix->addressFamily() == XpLpm::AddressFamily::ipv6;
+  Family& f = family(v6);
+  if (block == NextHopBlock()) {
+    withdraw(prefix);
+    return RouteResult{RouteState::nextHopTableFull};
+  }
+  deferred_.erase(prefix);
+  const bool wasInstalled = static_cast<bool>(f.sm->prefixToSubTrie(prefix));
+  const bool sameBlock = wasInstalled && f.status->prefixToNextHopBlock(prefix) == block;
+  // A re-announcement keeps its NHI contents; anything else may take a block.
+  if (options_.nhiReserve && !sameBlock && !admits(f)) {
+    ++refused_[v6];
+    withdraw(prefix);
+    return RouteResult{RouteState::nhiReserve};
+  }
+  f.config->requestIs(prefix, block);
+  f.writer->drain();
+  if (!wasInstalled) {
+    if (f.sm->prefixToSubTrie(prefix)) return RouteResult{};
+    return RouteResult{RouteState::lpmRefused, f.sm->lastInsertReturnCode()};
+  }
+  // An installed route whose update found no NHI room still points at the old
+  // block, which another group may soon be given: take it out instead.
+  if (f.status->prefixToNextHopBlock(prefix) != block) {
+    withdraw(prefix);
+    ++counters_.routesWithdrawnOnMove;
+    return RouteResult{RouteState::nhiTableFull};
+  }
+  return RouteResult{};
+}
+
 void XpLpmAgent::leaveGroup(const Ptr<XpLpm::LpmPrefix>& prefix) {
-  const SwId* group = routeGroup_.find(prefix);
-  if (!group) return;
-  if (Group* g = groups_.find(*group)) g->routes.erase(prefix);
+  const RouteRecord* record = routes_.find(prefix);
+  if (!record) return;
+  if (Group* g = groups_.find(record->group)) g->routes.erase(prefix);
 }
 
 Ptr<XpLpm::LpmPrefix> XpLpmAgent::prefixOf(const Route& r) {
@@ -245,29 +468,30 @@ Ptr<XpLpm::LpmPrefix> XpLpmAgent::findPrefix(const Route& r) const {
   return configV4_->lpmPrefix(VrfAndPrefix{r.vrf, r.v4});
 }
 
-void XpLpmAgent::routeIs(const Route& r) {
+RouteResult XpLpmAgent::routeIs(const Route& r) {
   Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
   const SwId group = groupOf(r.nextHop);
-  if (const SwId* held = routeGroup_.find(prefix); held && *held != group) leaveGroup(prefix);
+  if (const RouteRecord* held = routes_.find(prefix); held && held->group != group) leaveGroup(prefix);
   groupIs(group).routes.set(prefix, true);
-  routeGroup_.set(prefix, group);
-  requestRoute(prefix, groupBlock(group));
+  const RouteResult result = requestRoute(prefix, groupBlock(group));
+  routes_.set(prefix, RouteRecord{group, result});
+  return result;
+}
+
+RouteResult XpLpmAgent::routeState(const Route& r) const {
+  const Ptr<XpLpm::LpmPrefix> prefix = findPrefix(r);
+  const RouteRecord* record = prefix ? routes_.find(prefix) : nullptr;
+  return record ? record->result : RouteResult{RouteState::lpmRefused, XpLpm::fail};
 }
 
 void XpLpmAgent::routeDel(const Route& r) {
   Ptr<XpLpm::LpmPrefix> prefix = findPrefix(r);
   if (!prefix) return;
   leaveGroup(prefix);
-  routeGroup_.erase(prefix);
-  Family& f = family(r.ipv6);
-  f.config->requestDel(prefix);
-  f.writer->drain();
-  // A withdrawn route's key object is no longer needed by anyone.
-  if (r.ipv6) {
-    configV6_->lpmPrefixDel(VrfAndIp6Prefix{r.vrf, r.v6});
-  } else {
-    configV4_->lpmPrefixDel(VrfAndPrefix{r.vrf, r.v4});
-  }
+  routes_.erase(prefix);
+  // A withdrawn route's key object is no longer needed by anyone; a deferred withdrawal keeps
+  // it while the machine still holds the prefix.
+  if (withdraw(prefix)) forgetPrefix(prefix);
 }
 
 bool XpLpmAgent::installed(const Route& r) {
@@ -282,7 +506,7 @@ NextHopBlock XpLpmAgent::installedBlock(const Route& r) {
 
 U64 XpLpmAgent::routesWithoutGroupBlock() const {
   U64 n = 0;
-  for (const auto& [prefix, group] : routeGroup_) n += groupBlock(group) == NextHopBlock();
+  for (const auto& [prefix, record] : routes_) n += groupBlock(record.group) == NextHopBlock();
   return n;
 }
 

@@ -36,6 +36,7 @@
 #pragma once
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,55 @@ struct Route {
   std::string prefixStr() const { return ipv6 ? v6.str() : v4.str(); }
 };
 
+// How an agent runs its library. The defaults are what a switch should run with; the
+// alternatives reproduce the library's plain behaviour for comparisons.
+struct AgentOptions {
+  // Next hop n of a route belongs to group n % nextHopGroups.
+  U32 nextHopGroups = 256;
+  // Files every NHI block under the tile whose allocator holds it. With several tiles the
+  // library's own rule files a block under the first tile it visited, while its entries come
+  // from another tile: after a warm restart the recovered blocks are claimed in the tile the
+  // chip names, and new blocks are then written over them (see LpmSm::nhiOwnTileFilingEnabled).
+  bool nhiOwnTileFiling = true;
+  // Refuses a route insert or next-hop change that could leave a later withdrawal without a tile
+  // with room for the block it needs: the library stops the process on such a withdrawal.
+  bool nhiReserve = true;
+};
+
+// What became of a route: placed in the chip, or why not.
+enum class RouteState : U8 {
+  installed,
+  lpmRefused,        // the state machine could not place it; lpmCode says why
+  nextHopTableFull,  // its group has no block in the next-hop table
+  nhiReserve,        // refused to keep room for later withdrawals
+  nhiTableFull,      // a next-hop change or re-pointing found no NHI room, so it was withdrawn
+};
+
+struct RouteResult {
+  RouteState state = RouteState::installed;
+  XpLpm::RouteReturnCode lpmCode = XpLpm::pass;  // when state is lpmRefused
+
+  bool installed() const { return state == RouteState::installed; }
+  // "installed", or the failure code: the state machine's return code, nextHopTableFull,
+  // nhiReserve or nhiTableFull.
+  std::string code() const;
+  bool operator==(const RouteResult&) const = default;
+};
+
+// The outcome of a group width request.
+enum class GroupResult { placed, noRoom, badWidth };
+
+// A configuration the agent cannot run with: a chip whose geometry differs from what the
+// configurator derived, or an environment variable the library would misread.
+class AgentError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Problems with the environment variables the library reads, for a chip of this profile: each
+// one names the variable and what is wrong. Empty when there are none.
+std::vector<std::string> environmentProblems(const XpXdk::xpChipProfile& profile);
+
 struct AgentCounters {
   U64 nextHopWrites = 0;       // next-hop table entries written for groups
   U64 nextHopCopies = 0;       // entries copied by moves
@@ -79,12 +129,16 @@ class XpLpmAgent {
     Ptr<XpLpm::Status> status;
     Ptr<XpLpm::LpmSm> sm;
     std::unique_ptr<HwWriter> writer;
+    // The largest NHI block a sub-trie can need, for the reserve.
+    U64 largestNhiBlock = 0;
   };
 
-  // A new chip of this profile, configured and started empty.
-  explicit XpLpmAgent(const XpXdk::xpChipProfile& profile, U32 nextHopGroups = 256);
+  // A new chip of this profile, configured and started empty. Throws AgentError when the
+  // environment or the chip's geometry is not one the library can run with.
+  explicit XpLpmAgent(const XpXdk::xpChipProfile& profile, const AgentOptions& options = {});
   // A warm restart over a chip that kept its memory: the model is rebuilt from it.
-  XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip, U32 nextHopGroups = 256);
+  XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip,
+             const AgentOptions& options = {});
   ~XpLpmAgent();
 
   const XpXdk::xpChipProfile& profile() const { return profile_; }
@@ -98,12 +152,16 @@ class XpLpmAgent {
   const Ptr<XpLpmNextHop::Status>& nextHopStatus() const { return nhStatus_; }
   const Ptr<XpLpmNextHop::LpmNextHopSm>& nextHopSm() const { return nhSm_; }
   const AgentCounters& counters() const { return counters_; }
+  const AgentOptions& options() const { return options_; }
 
   // --- next-hop groups
-  SwId groupOf(U64 nextHop) const { return SwId(nextHop % nextHopGroups_); }
+  SwId groupOf(U64 nextHop) const { return SwId(nextHop % options_.nextHopGroups); }
   Nway defaultWidth(SwId group) const { return Nway(static_cast<U16>(1u << (group.value() % 4))); }
-  // Sets a group's width, placing the group if it has no block yet.
-  void groupWidthIs(SwId group, Nway width);
+  // The widths a group may have: 1 to the next-hop table's largest block.
+  U32 maxGroupWidth() const;
+  // Sets a group's width, placing the group if it has no block yet. A width outside
+  // 1..maxGroupWidth() changes nothing and answers badWidth.
+  GroupResult groupWidthIs(SwId group, Nway width);
   // Removes a group; its routes are withdrawn first.
   void groupDel(SwId group);
   // The group's block, or the default block when it has none.
@@ -122,8 +180,11 @@ class XpLpmAgent {
   Ptr<XpLpm::LpmPrefix> prefixOf(const Route& r);
   // The same without creating it: null for a key the agent never requested.
   Ptr<XpLpm::LpmPrefix> findPrefix(const Route& r) const;
-  // Requests the route (or changes its next hop) and writes the chip.
-  void routeIs(const Route& r);
+  // Requests the route (or changes its next hop) and writes the chip; answers what became of it.
+  RouteResult routeIs(const Route& r);
+  // What became of a wanted route at its last request or re-pointing; for a route the agent
+  // was never asked for, lpmRefused with `fail`.
+  RouteResult routeState(const Route& r) const;
   // Withdraws the route and writes the chip.
   void routeDel(const Route& r);
   // Whether the route is placed in the chip, and with which block.
@@ -145,19 +206,42 @@ class XpLpmAgent {
   };
   struct ReconcileReport {
     U64 kept = 0, changed = 0, added = 0, withdrawn = 0;
+    U64 groupsResized = 0, groupsDropped = 0;
   };
   const RestartReport& restartReport() const { return restartReport_; }
-  // After a warm restart: requests every wanted route and withdraws recovered
-  // routes that are no longer wanted.
-  ReconcileReport reconcile(const std::vector<Route>& wanted);
+  // After a warm restart: gives the wanted groups their widths (a group restored at the width
+  // its block had in the chip may have been resized since), requests every wanted route, then
+  // withdraws recovered routes that are no longer wanted and drops restored groups that no
+  // wanted route or width names.
+  ReconcileReport reconcile(const std::vector<Route>& wanted,
+                            const std::vector<std::pair<SwId, Nway>>& wantedWidths = {});
+
+  // --- NHI reserve
+  struct NhiReserve {
+    U64 entries = 0;  // free NHI entries below which inserts and next-hop changes are refused
+    U64 free = 0;     // free NHI entries now
+    U64 refused = 0;  // route requests refused to keep the reserve
+  };
+  NhiReserve nhiReserve(bool ipv6) const;
+  // Withdrawals held back because no tile had room for the block they need (possible only over
+  // a chip whose state was not admitted by this agent, e.g. after a warm restart); retried after
+  // every withdrawal that succeeds. The route keeps forwarding to its old next hop meanwhile.
+  U64 withdrawalsDeferred() const { return deferred_.size(); }
 
  private:
   struct Group {
     Nway width;
     XpLpm::LpmPrefixMap<bool> routes;  // the group's routes, of both families
   };
+  // A wanted route: its group and what became of it.
+  struct RouteRecord {
+    SwId group;
+    RouteResult result;
+  };
 
   void configure();
+  // Stops with AgentError when the chip and the configuration disagree on the geometry.
+  void checkGeometry() const;
   void startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6, bool warm);
   // Re-places the groups of the recovered routes at their old blocks.
   void restoreGroups();
@@ -168,11 +252,20 @@ class XpLpmAgent {
   void copyEntries(const NextHopBlock& from, const NextHopBlock& to);
   // Re-requests every route of the group with `block`.
   void repointRoutes(SwId group, const NextHopBlock& block);
-  void requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block);
+  RouteResult requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block);
+  // Whether the family can take one more insert or next-hop change and still have room for any
+  // withdrawal that may follow.
+  bool admits(const Family& f) const;
+  // Takes the prefix out of the chip, unless the library would find no room for the block the
+  // deletion needs: the withdrawal is then deferred. Returns whether it was done.
+  bool withdraw(const Ptr<XpLpm::LpmPrefix>& prefix);
+  void retryDeferredWithdrawals();
+  // Drops the configuration's key object of a route nobody wants any more.
+  void forgetPrefix(const Ptr<XpLpm::LpmPrefix>& prefix);
   void leaveGroup(const Ptr<XpLpm::LpmPrefix>& prefix);
 
   XpXdk::xpChipProfile profile_;
-  U32 nextHopGroups_;
+  AgentOptions options_;
   std::shared_ptr<XpXdk::xpChip> chip_;
   Ptr<XpSystem::SystemStatus> systemStatus_;
   Ptr<XpLpm::ConfigV4> configV4_;
@@ -182,9 +275,11 @@ class XpLpmAgent {
   Ptr<XpLpmNextHop::LpmNextHopSm> nhSm_;
   Family v4_, v6_;
   HashMap<SwId, Group> groups_;
-  XpLpm::LpmPrefixMap<SwId> routeGroup_;  // every wanted route and its group
+  XpLpm::LpmPrefixMap<RouteRecord> routes_;  // every wanted route
   AgentCounters counters_;
   RestartReport restartReport_;
+  U64 refused_[2] = {0, 0};
+  XpLpm::LpmPrefixMap<bool> deferred_;  // withdrawals waiting for NHI room
 };
 
 }  // namespace Agent

@@ -76,7 +76,7 @@ BENCHMARK(BM_NhResize)->Arg(8)->Arg(16);
 // 10,000 routes of one group; each iteration changes the group's width, which
 // gives it a new block and re-points every route to it through the LPM machine.
 void BM_AgentRepoint10kRoutes(benchmark::State& state) {
-  Agent::XpLpmAgent agent(*XpXdk::findChipProfile("reference"), 4);
+  Agent::XpLpmAgent agent(*XpXdk::findChipProfile("reference"), {.nextHopGroups = 4});
   for (U32 i = 0; i < 10000; ++i) {
     Agent::Route r;
     r.v4 = Prefix((10u << 24) | (i << 8), 24);

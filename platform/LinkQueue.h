@@ -80,8 +80,9 @@ class LinkQueue {
     return it != end() && it->first == index ? &it->second : nullptr;
   }
 
-  // Removes the oldest entry.
+  // Removes the oldest entry; an empty queue stays as it is.
   void pop() {
+    if (empty()) return;
     items_[first_] = value_type();  // drop the reference now, not at compaction
     ++first_;
     if (first_ == items_.size()) {

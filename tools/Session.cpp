@@ -58,7 +58,7 @@ Session::Session(const XpXdk::xpChipProfile& profile, const RunOptions& options)
     : profile_(profile), options_(options) {}
 
 void Session::program(const std::vector<Route>& routes) {
-  agent_ = std::make_unique<XpLpmAgent>(profile_, options_.nextHopGroups);
+  agent_ = std::make_unique<XpLpmAgent>(profile_, XpLib::Agent::AgentOptions{.nextHopGroups = options_.nextHopGroups});
   const std::size_t chipBefore = agent_->chip().lpm(false).prefixEntryBytes() + agent_->chip().lpm(true).prefixEntryBytes();
   const std::size_t heapStart = heapInUse();
   Progress bar(options_.progress, "programming", routes.size());

@@ -228,7 +228,7 @@ int cmdRestart(const Common& c) {
   for (bool v6 : {false, true}) before[v6] = XpLib::Agent::modelSnapshot(*s->agent().family(v6).sm);
   auto chip = s->agent().sharedChip();
   s->agentIs(nullptr);  // the old agent goes away; the chip keeps its memory
-  auto agent = std::make_unique<XpLib::Agent::XpLpmAgent>(s->profile(), chip, c.groups);
+  auto agent = std::make_unique<XpLib::Agent::XpLpmAgent>(s->profile(), chip, XpLib::Agent::AgentOptions{.nextHopGroups = c.groups});
   const auto t0 = std::chrono::steady_clock::now();
   agent->reconcile(set.routes);
   const double reconcile = since(t0);
@@ -269,7 +269,11 @@ int cmdChurn(const Common& c) {
     const std::size_t i = rng() % routes.size();
     switch (rng() % 4) {
       case 0:  // withdraw, or announce again what was withdrawn
-        present[i] ? agent.routeDel(routes[i]) : agent.routeIs(routes[i]);
+        if (present[i]) {
+          agent.routeDel(routes[i]);
+        } else {
+          agent.routeIs(routes[i]);
+        }
         present[i] = !present[i];
         break;
       case 1:  // a new next hop

@@ -138,6 +138,11 @@ TEST(LpmPrefixListTest, EqualWhenSamePrefixesUnderSameIndexes) {
   EXPECT_NE(a, b);
   EXPECT_FALSE(b.prefix(0));
   EXPECT_EQ(b.prefix(3)->stringValue(), "vrf 1 prefix 11.0.0.0/8");
+  // Holes are values: a free slot equals only a free slot, on either side of the comparison.
+  LpmPrefixList holes = listOf({{0, nullptr}, {1, v4("10.0.0.0/8")}, {2, nullptr}});
+  EXPECT_EQ(holes, listOf({{0, nullptr}, {1, v4("10.0.0.0/8")}, {2, nullptr}}));
+  EXPECT_NE(holes, listOf({{0, v4("10.0.0.0/8")}, {1, v4("10.0.0.0/8")}, {2, nullptr}}));
+  EXPECT_NE(listOf({{0, v4("10.0.0.0/8")}, {1, v4("10.0.0.0/8")}, {2, nullptr}}), holes);
 }
 
 TEST(LpmPrefixV4Test, FanoutBookkeepingCostsNothingUntilUsed) {

@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <iostream>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "XpLpm/NhiInfo.h"
+#include "XpLpmNextHop/XpLpmNextHop.h"
 #include "support/TestSupport.h"
 
 namespace XpLib {
@@ -55,6 +57,60 @@ TEST(StatusPendingCmdTest, IndexesOnlyGrow) {
   EXPECT_EQ(s->pendingCmd(11)->cmdType(), commandTypeNhi);
   // Appends and removals are both announced, by index.
   EXPECT_EQ(rec.cmds, (std::vector<U32>{7, 8, 7, 8, 9, 9, 10, 11}));
+}
+
+// Every queue of the model: dequeuing an empty one changes nothing, and the queue still works after.
+TEST(QueueTest, DequeueOnEmptyIsANoOp) {
+  struct Case {
+    const char* name;
+    std::function<void()> deqTwice;  // on an empty queue, then again after one append and one dequeue
+  };
+  Ptr<Status> s = statusFactory("lpm");
+  Ptr<XpLpmNextHop::Status> nh = XpLpmNextHop::statusFactory("nh");
+  LpmPrefixList prefixes;
+  NextHopBlockList blocks;
+  const Case cases[] = {
+      {"pendingCmd",
+       [&] {
+         s->pendingCmdDeq();
+         s->pendingCmdEnq(someCommand(0));
+         s->pendingCmdDeq();
+         s->pendingCmdDeq();
+         EXPECT_EQ(s->pendingCmds(), 0u);
+         EXPECT_EQ(s->pendingCmdEnq(someCommand(1)), 1u);
+       }},
+      {"shuffleCmd",
+       [&] {
+         nh->shuffleCmdDeq();
+         const NextHopBlock b(0, 1);
+         nh->shuffleCmdEnq(XpLpmNextHop::shuffleCmdFactory(XpLpmNextHop::SwId(1), b, b));
+         nh->shuffleCmdDeq();
+         nh->shuffleCmdDeq();
+         EXPECT_EQ(nh->shuffleCmds(), 0u);
+       }},
+      {"prefix",
+       [&] {
+         prefixes.prefixDeq();
+         prefixes.newPrefix(0, lpmPrefixV4Factory({1, *Prefix::parse("10.0.0.0/8")}));
+         prefixes.prefixDeq();
+         prefixes.prefixDeq();
+         EXPECT_EQ(prefixes.prefixs(), 0u);
+       }},
+      {"nextHopBlock",
+       [&] {
+         blocks.nextHopBlockDeq();
+         blocks.nextHopBlockEnq(NextHopBlock(4, 2));
+         blocks.nextHopBlockDeq();
+         blocks.nextHopBlockDeq();
+         EXPECT_EQ(blocks.nextHopBlocks(), 0u);
+         blocks.nextHopBlockEnq(NextHopBlock(8, 2));
+         EXPECT_EQ(blocks.nextHopBlock(1), NextHopBlock(8, 2));
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.deqTwice();
+  }
 }
 
 TEST(StatusNotificationTest, InactiveOrLeavingNotifiees) {

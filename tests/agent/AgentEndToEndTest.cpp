@@ -61,7 +61,7 @@ TEST(AgentEndToEndTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
   // A next-hop table that 16 groups of up to 12 entries fill: resizes compact it.
   XpXdk::xpChipProfile profile = *XpXdk::findChipProfile("small");
   profile.nextHop.rowBlkInc = 128;
-  XpLpmAgent agent(profile, 16);
+  XpLpmAgent agent(profile, {.nextHopGroups = 16});
   std::vector<Route> pool = clusteredRoutes(rng, 300, 300);
 
   U64 probes = 0, mismatches = 0, installs = 0;

@@ -44,7 +44,7 @@ TEST(NextHopGroupTest, RandomGroupChurnKeepsBlocksDisjointAndContentsOwned) {
   const unsigned seed = 5151;
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 rng(seed);
-  XpLpmAgent agent(tightNextHops(256), 64);
+  XpLpmAgent agent(tightNextHops(256), {.nextHopGroups = 64});
   std::map<U64, U16> wanted;  // groups placed and their widths
   for (int op = 0; op < 100000; ++op) {
     const SwId group(rng() % 64);
@@ -67,7 +67,7 @@ TEST(NextHopGroupTest, RandomGroupChurnKeepsBlocksDisjointAndContentsOwned) {
 // group's entries while groups move and grow under it.
 TEST(NextHopGroupTest, RoutesNeverForwardElsewhereWhileTheirGroupsMove) {
   std::mt19937 rng(99);
-  XpLpmAgent agent(tightNextHops(64), 8);
+  XpLpmAgent agent(tightNextHops(64), {.nextHopGroups = 8});
   std::vector<Route> routes;
   for (U32 i = 0; i < 40; ++i) {
     Route r;

@@ -56,7 +56,7 @@ struct FirstRun {
   U32 table = 0, index = 0, below = 0, above = 0;
 
   FirstRun() {
-    XpLpmAgent agent(small(), 40);
+    XpLpmAgent agent(small(), {.nextHopGroups = 40});
     for (const Route& r : kRoutes) agent.routeIs(r);
     const auto& sm = *agent.family(false).sm;
     bool found = false;
@@ -144,7 +144,7 @@ TEST(RestartRecoveryTest, EachInvalidEntryLosesOnlyItsRoutesAndStaysInTheChip) {
     first.write(at, e);
 
     xplpm_test::TraceCapture trace(5);
-    XpLpmAgent second(small(), first.chip, 40);
+    XpLpmAgent second(small(), first.chip, {.nextHopGroups = 40});
     EXPECT_EQ(reasons(trace), c.reason.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.reason});
     if (!c.trace.empty()) {
       EXPECT_EQ(trace.count(c.trace), 1);

@@ -51,7 +51,7 @@ TEST(RestartTest, UnchangedIntentRebuildsTheSameModelAndWritesNothing) {
   std::string before[2];
   std::shared_ptr<XpXdk::xpChip> chip;
   {
-    XpLpmAgent first(profile, 40);
+    XpLpmAgent first(profile, {.nextHopGroups = 40});
     for (const Route& r : wanted) first.routeIs(r);
     // Churn, so that the layout is not a fresh one.
     for (int i = 0; i < 3000; ++i) {
@@ -67,7 +67,7 @@ TEST(RestartTest, UnchangedIntentRebuildsTheSameModelAndWritesNothing) {
     for (bool v6 : {false, true}) before[v6] = modelSnapshot(*first.family(v6).sm);
     chip = first.sharedChip();
   }
-  XpLpmAgent second(profile, chip, 40);
+  XpLpmAgent second(profile, chip, {.nextHopGroups = 40});
   for (bool v6 : {false, true}) {
     const std::string after = modelSnapshot(*second.family(v6).sm);
     EXPECT_TRUE(after == before[v6]) << (v6 ? "ipv6" : "ipv4") << "\n" << snapshotDiff(before[v6], after);
@@ -88,7 +88,7 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   std::vector<Route> wanted = randomRoutes(rng, 200, keys);
   std::shared_ptr<XpXdk::xpChip> chip;
   {
-    XpLpmAgent first(profile, 40);
+    XpLpmAgent first(profile, {.nextHopGroups = 40});
     for (const Route& r : wanted) first.routeIs(r);
     chip = first.sharedChip();
   }
@@ -102,12 +102,12 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   }
   for (const Route& r : randomRoutes(rng, 30, keys)) next.push_back(r);
 
-  XpLpmAgent restarted(profile, chip, 40);
+  XpLpmAgent restarted(profile, chip, {.nextHopGroups = 40});
   const auto report = restarted.reconcile(next);
   EXPECT_GT(report.withdrawn, 0u);
   EXPECT_GT(report.changed, 0u);
   EXPECT_GT(report.added, 0u);
-  XpLpmAgent cold(profile, 40);
+  XpLpmAgent cold(profile, {.nextHopGroups = 40});
   for (const Route& r : next) cold.routeIs(r);
 
   // Both chips forward every wanted route, at its first and last address, to the same group.
