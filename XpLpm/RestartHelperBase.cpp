@@ -44,6 +44,7 @@ int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
   XP_TRACE(5, "RestartHelperBase::doRestart");
   lpmSmIs(lpmSm);
   counts_ = Counts();
+  invalidEntries_.clear();
   for (const auto& [tableId, tableConfig] : config_->prefixTableConfigMap()) {
     Ptr<PrefixTable> table = lpmSm_->prefixTableIs(tableId, tableConfig);
     for (U32 offset = 0; offset < tableConfig->depth(); ++offset) {
@@ -60,21 +61,24 @@ int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
       }
       SubTrieBranch branch;
       std::vector<Place> places;
-      const std::string reason = parsePrefixTableEntry(entry, table, offset, branch, places);
+      std::string reason = parsePrefixTableEntry(entry, table, offset, branch, places);
+      bool any = false;
+      for (const Place& p : places) any = any || p.prefix;
+      NhiInfoKey nhiInfoKey;
+      if (reason.empty() && any) reason = readNhiBlock(entry, places, nhiInfoKey);
       XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry valid " << reason.empty() << " reason " << reason);
       if (!reason.empty()) {
         ++counts_.entriesInvalid;
+        invalidEntries_.push_back(InvalidEntry{tableId, offset, reason});
         dropInvalid(removeStale, tableId.value(), offset, places);
         continue;
       }
-      bool any = false;
-      for (const Place& p : places) any = any || p.prefix;
       if (!any) {
         XP_TRACE(5, "RestartHelperBase::doRestart no prefix is allocated");
         continue;
       }
       XP_TRACE(5, "RestartHelperBase::doRestart valid prefix entry at offset " << offset << " in table " << tableId);
-      rebuild(entry, table, offset, branch, places);
+      rebuild(entry, table, offset, branch, places, nhiInfoKey);
     }
   }
   return 0;
@@ -89,6 +93,9 @@ std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEnt
   const U32 entrySize = table->tableConfig()->entrySize();
   if (U32(e.branchLen) + e.stride > entrySize) return "branch length + stride too large";
   if (e.stride == 0) return "stride is zero";
+  // Our writes never hold a branch longer than the key, nor one shorter than the table's tread.
+  if (e.branchLen > config_->keyLength()) return "branch length beyond the key";
+  if (e.branchLen < table->tableConfig()->tread()) return "branch shorter than the table's tread";
 
   // The entry holds the branch right-aligned, least significant byte first.
   const U32 m = (e.branchLen + 7u) / 8u;
@@ -117,7 +124,14 @@ std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEnt
     const U32 bits = leaf.leafValHigh ? 127 - static_cast<U32>(std::countl_zero(leaf.leafValHigh))
                                       : 63 - static_cast<U32>(std::countl_zero(leaf.leafVal));
     if (bits >= e.stride || e.branchLen + bits > config_->keyLength()) return "leaf longer than the stride";
-    Ptr<LpmPrefix> prefix = createPrefix(branch, e.branchLen, leaf.leafVal, leaf.leafValHigh, e.stride);
+    // A corrupt entry can spell a key that is no prefix at all; that is the entry's fault, not ours.
+    Ptr<LpmPrefix> prefix;
+    try {
+      prefix = createPrefix(branch, e.branchLen, leaf.leafVal, leaf.leafValHigh, e.stride);
+    } catch (const RangeException& ex) {
+      return std::string("slot does not hold a prefix: ") + ex.what();
+    }
+    if (!prefix) return "slot does not hold a prefix";
     XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry found prefix " << *prefix);
     places.push_back(Place{prefix});
     if (config_->request(prefix) != NextHopBlock()) return "duplicate prefixes";
@@ -151,8 +165,44 @@ void RestartHelperBase::dropInvalid(bool removeStale, U32 tableId, U32 offset, c
   ++counts_.entriesCleared;
 }
 
+// The block must be one this machine can hold as it was held before: its entries free, or an
+// already recovered block of exactly that size and contents (a shared block). Anything else would
+// resize or overlap another block, or give one contents two records.
+std::string RestartHelperBase::readNhiBlock(const XpXdk::xpLpmPrefixEntry& e, const std::vector<Place>& places,
+                                            NhiInfoKey& nhiInfoKey) {
+  const U8 n = static_cast<U8>(places.size());
+  const NhiTableIdx nhiBaseIdx(NhiTileIdx(e.nhiTile), e.nhiOffset);
+  if (!lpmSm_->nhiAllocator(nhiBaseIdx.tile())->claimable(e.nhiOffset, lpmSm_->nhiBlockSize(n)))
+    return "NHI block overlaps another block";
+  const U32 pairs = config_->nhiPairPerEntry();
+  for (U32 i = 0; i * pairs < n; ++i) {
+    XpXdk::xpLpmNhiEntry xpNhiEntry;
+    const int ret = xdkLpmMgr_->readNhiEntry(0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0);
+    if (!accepted(ret)) {
+      apiError(__LINE__,
+               "((xdkLpmMgr()->readNhiEntry( 0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0 )))",
+               ret);
+    }
+    for (U32 j = 0; j < pairs && i * pairs + j < n; ++j) {
+      const U8 s = static_cast<U8>(i * pairs + j);
+      if (!places[s].prefix) continue;
+      const NextHopBlock block(xpNhiEntry.pair[j].base, xpNhiEntry.pair[j].size);
+      // An occupied slot is only ever written with the block its route was requested with.
+      if (block == NextHopBlock()) return "NHI pair of an occupied slot is empty";
+      nhiInfoKey.newSlotToNextHopBlock(s, block);
+    }
+  }
+  if (const Ptr<NhiInfo> info = lpmSm_->sharedNhi(nhiInfoKey); info && info->nhiBaseIdx() != nhiBaseIdx)
+    return "NHI contents already recovered at another block";
+  if (const Ptr<SubTrieSet> users = lpmSm_->nhiBaseIdxToSubTrie(nhiBaseIdx);
+      users && users->subTries() > 0 && users->begin()->first->nhiInfoKey() != nhiInfoKey)
+    return "NHI block shared with other contents";
+  return {};
+}
+
 void RestartHelperBase::rebuild(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table, U32 offset,
-                                const SubTrieBranch& branch, const std::vector<Place>& places) {
+                                const SubTrieBranch& branch, const std::vector<Place>& places,
+                                const NhiInfoKey& nhiInfoKey) {
   const U8 n = static_cast<U8>(places.size());
   Ptr<SubTrie> subTrie = subTrieFactory(PrefixTableIdx(offset), branch, e.branchLen, e.stride, modeSparse, table.ptr());
   table->subTrieIs(PrefixTableIdx(offset), subTrie);
@@ -176,27 +226,14 @@ void RestartHelperBase::rebuild(const XpXdk::xpLpmPrefixEntry& e, const Ptr<Pref
   Ptr<Blk> blk = lpmSm_->nhiAllocator(nhiBaseIdx.tile())->realloc(e.nhiOffset, subTrie->nhiBlkSize());
   XP_ASSERT_V(blk, " subtrie " << *subTrie);
 
-  const U32 pairs = config_->nhiPairPerEntry();
-  NhiInfoKey nhiInfoKey;
-  for (U32 i = 0; i * pairs < n; ++i) {
-    XpXdk::xpLpmNhiEntry xpNhiEntry;
-    const int ret = xdkLpmMgr_->readNhiEntry(0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0);
-    if (!accepted(ret)) {
-      apiError(__LINE__,
-               "((xdkLpmMgr()->readNhiEntry( 0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, &xpNhiEntry, 0 )))",
-               ret);
-    }
-    for (U32 j = 0; j < pairs && i * pairs + j < n; ++j) {
-      const U8 s = static_cast<U8>(i * pairs + j);
-      const Ptr<LpmPrefix>& prefix = places[s].prefix;
-      if (!prefix) continue;
-      const NextHopBlock block(xpNhiEntry.pair[j].base, xpNhiEntry.pair[j].size);
-      config_->requestIs(prefix, block);
-      lpmStatus_->prefixToNextHopBlockIs(prefix, block);
-      XP_TRACE(5, "RestartHelperBase::doRestart recovered prefix " << *prefix << " nexthop block " << block
-                                                                   << " slot " << +s);
-      nhiInfoKey.newSlotToNextHopBlock(s, block);
-    }
+  for (U8 s = 0; s < n; ++s) {
+    const Ptr<LpmPrefix>& prefix = places[s].prefix;
+    if (!prefix) continue;
+    const NextHopBlock block = nhiInfoKey.slotToNextHopBlock(s);
+    config_->requestIs(prefix, block);
+    lpmStatus_->prefixToNextHopBlockIs(prefix, block);
+    XP_TRACE(5, "RestartHelperBase::doRestart recovered prefix " << *prefix << " nexthop block " << block << " slot "
+                                                                 << +s);
   }
   Ptr<NhiInfo> nhiInfo = lpmSm_->allocateNhiInfo(subTrie, nhiInfoKey, nhiBaseIdx);
   if (!nhiInfo) XP_FAIL("nhiInfo", " subtrie " << *subTrie);

@@ -13,6 +13,7 @@
 
 #include "XpLpm/Config.h"
 #include "XpLpm/LpmPrefix.h"
+#include "XpLpm/NhiInfo.h"
 #include "XpLpm/Status.h"
 #include "platform/Ptr.h"
 #include "xdk/xpChip.h"
@@ -53,6 +54,14 @@ class RestartHelperBase : public PtrInterface {
     U64 routes = 0;
   };
   const Counts& counts() const { return counts_; }
+  // Every entry the last doRestart found invalid, and why. They stay in the hardware unless
+  // removeStale was set.
+  struct InvalidEntry {
+    PrefixTableId tableId;
+    U32 offset = 0;
+    std::string reason;
+  };
+  const std::vector<InvalidEntry>& invalidEntries() const { return invalidEntries_; }
 
  private:
   struct Place {
@@ -61,8 +70,11 @@ class RestartHelperBase : public PtrInterface {
   // Parses one entry into its places; returns the reason it is invalid, or empty.
   std::string parsePrefixTableEntry(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table, U32 offset,
                                     SubTrieBranch& branch, std::vector<Place>& places);
+  // Checks that the entry's NHI block can be held as it was, and reads its contents into the key;
+  // returns the reason it cannot, or empty.
+  std::string readNhiBlock(const XpXdk::xpLpmPrefixEntry& e, const std::vector<Place>& places, NhiInfoKey& nhiInfoKey);
   void rebuild(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table, U32 offset,
-               const SubTrieBranch& branch, const std::vector<Place>& places);
+               const SubTrieBranch& branch, const std::vector<Place>& places, const NhiInfoKey& nhiInfoKey);
   void dropInvalid(bool removeStale, U32 tableId, U32 offset, const std::vector<Place>& places);
 
   Ptr<ConfigBase> config_;
@@ -70,6 +82,7 @@ class RestartHelperBase : public PtrInterface {
   LpmSm* lpmSm_ = nullptr;
   XpXdk::xpIpRouteLpmMgr* xdkLpmMgr_ = nullptr;
   Counts counts_;
+  std::vector<InvalidEntry> invalidEntries_;
 };
 
 }  // namespace XpLpm

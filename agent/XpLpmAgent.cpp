@@ -2,6 +2,7 @@
 // groups and writers.
 #include "agent/XpLpmAgent.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
@@ -160,8 +161,9 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
   // Set once the machine has started: its start-up replays only what recovery found in the chip,
   // which keeps every block it has, so no block is filed before the switch is on.
   f.sm->nhiOwnTileFilingEnabledIs(options_.nhiOwnTileFiling);
-  f.largestNhiBlock = f.sm->nhiBlockSize(f.sm->maxSubTrieSlots());
-  f.writer = std::make_unique<HwWriter>(f.status, config, &chip_->lpmMgr(ipv6));
+  // No block is larger than a tile, whatever a sub-trie could hold in a wider one.
+  f.largestNhiBlock = std::min<U64>(f.sm->nhiBlockSize(f.sm->maxSubTrieSlots()), config->nhiEntriesPerTile());
+  f.writer = std::make_unique<HwWriter>(f.status, config, f.sm.ptr(), &chip_->lpmMgr(ipv6));
   f.writer->drain();
   if (!warm) return;
   // A route recovered from an earlier entry and then met again in an invalid one
@@ -171,38 +173,56 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
     if (config->request(prefix) == NextHopBlock()) orphans.push_back(prefix);
   for (const auto& prefix : orphans) f.sm->handleRequest(prefix);
   f.writer->drain();
+  // An entry recovery could not parse stays in the chip and would go on matching lookups with
+  // whatever it holds: clear it, unless the machine has since placed a sub-trie there.
+  for (const auto& bad : helper->invalidEntries()) {
+    const Ptr<XpLpm::PrefixTable> table = f.sm->prefixTable(bad.tableId);
+    if (table && table->subTrie(XpLpm::PrefixTableIdx(bad.offset))) continue;
+    if (f.writer->clearPrefixEntry(bad.tableId.value(), bad.offset)) ++restartReport_.entriesCleared[ipv6];
+  }
   restartReport_.seconds[ipv6] = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
   restartReport_.routesRecovered[ipv6] = helper->counts().routes;
   restartReport_.entriesInvalid[ipv6] = helper->counts().entriesInvalid;
 }
 
 void XpLpmAgent::restoreGroups() {
-  // The blocks the recovered routes point at, by base. A block's entries name its group and
-  // their members; its width is the run of that group's members from the base, as the chip holds
-  // it, whatever a route's NHI pair says. Entries no route points at are leftovers of blocks
-  // given up; a base that names no group's first member is not restored, and the routes that
-  // point there are re-pointed by reconcile.
+  // The blocks the recovered routes point at, by base, with the widths their NHI pairs give. A
+  // block is restored when the chip's next-hop entries from its base name one group's members
+  // 0..width-1; entries past a block may still name the members of a wider block given up
+  // before, so the width comes from the routes, and the chip only confirms it. A base that names
+  // no group's first member is not restored: the routes that point there are re-pointed by
+  // reconcile. Entries no route points at are leftovers of blocks given up.
   struct Restored {
     SwId group;
     U32 width;
   };
   const U32 tableSize = nhSm_->allocator()->entriesCapacity();
   const U32 maxWidth = maxGroupWidth();
-  std::map<U32, Restored> blocks;
+  std::map<U32, std::map<U32, U64>> widthsAt;  // base -> width -> routes that say so
   for (bool v6 : {false, true}) {
-    for (const auto& [prefix, block] : family(v6).config->requestMap()) {
-      const U32 base = block.base().value();
+    for (const auto& [prefix, block] : family(v6).config->requestMap())
+      ++widthsAt[block.base().value()][block.size().value()];
+  }
+  auto holdsGroup = [&](U32 base, U32 width, SwId& group) {
+    if (width == 0 || width > maxWidth || base >= tableSize || width > tableSize - base) return false;
+    for (U32 m = 0; m < width; ++m) {
       XpXdk::xpNhEntry e;
-      if (base >= tableSize || blocks.count(base) || chip_->readNextHop(base, &e) != XpXdk::XP_NO_ERR) continue;
-      if (!(e.data & kGroupEntryValid) || memberOfEntry(e) != 0) continue;
-      const SwId group = groupOfEntry(e);
-      U32 width = 1;
-      for (XpXdk::xpNhEntry next; width < maxWidth && base + width < tableSize; ++width) {
-        if (chip_->readNextHop(base + width, &next) != XpXdk::XP_NO_ERR || !(next.data & kGroupEntryValid) ||
-            groupOfEntry(next) != group || memberOfEntry(next) != width)
-          break;
+      if (chip_->readNextHop(base + m, &e) != XpXdk::XP_NO_ERR || !(e.data & kGroupEntryValid) ||
+          memberOfEntry(e) != m || (m > 0 && groupOfEntry(e) != group))
+        return false;
+      if (m == 0) group = groupOfEntry(e);
+    }
+    return true;
+  };
+  std::map<U32, Restored> blocks;
+  for (const auto& [base, widths] : widthsAt) {
+    U64 votes = 0;
+    for (const auto& [width, routes] : widths) {
+      SwId group;
+      if (routes > votes && holdsGroup(base, width, group)) {
+        blocks[base] = Restored{group, width};
+        votes = routes;
       }
-      blocks[base] = Restored{group, width};
     }
   }
   // Fillers stand in the gaps so that each group lands at its old base.
@@ -224,7 +244,11 @@ void XpLpmAgent::restoreGroups() {
     groups_.set(restored.group, Group{width, {}});
     nhConfig_->requestIs(restored.group, width);
     ++restartReport_.groupsRestored;
-    if (groupBlock(restored.group).base().value() != base) ++restartReport_.groupsMisplaced;
+    if (groupBlock(restored.group).base().value() != base) {
+      // Its routes still point at the old place, and reconcile re-points them here.
+      ++restartReport_.groupsMisplaced;
+      writeGroupEntries(restored.group, groupBlock(restored.group));
+    }
     cursor = base + restored.width;
   }
   for (SwId f : fillers) nhConfig_->requestDel(f);
@@ -289,8 +313,19 @@ U32 XpLpmAgent::maxGroupWidth() const {
   return std::min({a.maxBlkSz(), a.entriesCapacity(), U32(0xFFFE)});
 }
 
+// The scratch block is taken when groups first change after their creation: before any of them,
+// the table has no holes and no group can move. Widths only grow it.
+void XpLpmAgent::scratchIs(U32 width) {
+  if (scratch_ != NextHopBlock() && scratch_.size().value() >= width) return;
+  const NextHopBlock before = groupBlock(kScratchGroup);
+  nhConfig_->requestIs(kScratchGroup, Nway(static_cast<U16>(width)));
+  applyNextHopChanges(kScratchGroup, before);
+  scratch_ = groupBlock(kScratchGroup);
+}
+
 GroupResult XpLpmAgent::groupWidthIs(SwId group, Nway width) {
   if (width.value() == 0 || width.value() > maxGroupWidth()) return GroupResult::badWidth;
+  scratchIs(std::max<U32>(width.value(), scratch_ == NextHopBlock() ? 8 : scratch_.size().value()));
   groupIs(group).width = width;
   const NextHopBlock before = groupBlock(group);
   nhConfig_->requestIs(group, width);
@@ -302,6 +337,8 @@ GroupResult XpLpmAgent::groupWidthIs(SwId group, Nway width) {
 void XpLpmAgent::groupDel(SwId group) {
   Group* g = groups_.find(group);
   if (!g) return;
+  scratchIs(std::max<U32>(g->width.value(), scratch_ == NextHopBlock() ? 8 : scratch_.size().value()));
+  g = groups_.find(group);
   for (const auto& [prefix, unused] : g->routes) {
     withdraw(prefix);
     routes_.erase(prefix);
@@ -314,17 +351,23 @@ void XpLpmAgent::groupDel(SwId group) {
 void XpLpmAgent::applyNextHopChanges(SwId requested, const NextHopBlock& before) {
   while (nhStatus_->shuffleCmds() > 0) {
     Ptr<XpLpmNextHop::ShuffleCmd> cmd = nhStatus_->shuffleCmdQueue().front().second;
-    copyEntries(cmd->prevNextHopBlock(), cmd->nextHopBlock());
+    if (cmd->swId() == kScratchGroup) {
+      // Nothing reads the scratch block; it is wherever the manager put it last.
+      scratch_ = cmd->nextHopBlock();
+      nhStatus_->shuffleCmdDeq();
+      continue;
+    }
+    moveGroup(cmd->swId(), cmd->prevNextHopBlock(), cmd->nextHopBlock());
     ++counters_.shuffles;
     // The move's own block, not the group's latest: a group that is also being
     // resized gets its final block only below, once that block is written.
-    repointRoutes(cmd->swId(), cmd->nextHopBlock());
+    repointRoutes(cmd->swId(), cmd->nextHopBlock(), Repoint::installedOnly);
     nhStatus_->shuffleCmdDeq();
   }
   const NextHopBlock after = groupBlock(requested);
   if (after == before || after == NextHopBlock()) return;
   writeGroupEntries(requested, after);
-  repointRoutes(requested, after);
+  repointRoutes(requested, after, Repoint::all);
 }
 
 // A block may move up over its own old entries, so the copy runs like memmove.
@@ -339,6 +382,51 @@ void XpLpmAgent::copyEntries(const NextHopBlock& from, const NextHopBlock& to) {
   }
 }
 
+void XpLpmAgent::moveGroup(SwId group, const NextHopBlock& from, const NextHopBlock& to) {
+  const U32 width = to.size().value();
+  const U32 src = from.base().value(), dst = to.base().value();
+  const Group* g = groups_.find(group);
+  const bool overlaps = src < dst + width && dst < src + width;
+  if (!overlaps || !g || g->routes.empty()) {
+    copyEntries(from, to);
+    return;
+  }
+  NextHopBlock aside = scratch_.size().value() != 0xFFFF && scratch_.size().value() >= width
+                           ? NextHopBlock(scratch_.base(), Nway(static_cast<U16>(width)))
+                           : unusedNextHops(width);
+  if (aside == NextHopBlock()) {
+    ++counters_.shufflesUnstaged;
+    copyEntries(from, to);
+    return;
+  }
+  ++counters_.shufflesStaged;
+  copyEntries(from, aside);
+  repointRoutes(group, aside, Repoint::installedOnly);
+  copyEntries(aside, to);
+}
+
+NextHopBlock XpLpmAgent::unusedNextHops(U32 width) const {
+  // Every block a route may read now or a group holds at the end, ascending by base.
+  std::vector<std::pair<U32, U32>> used;
+  for (const auto& [group, g] : groups_)
+    if (g.read != NextHopBlock()) used.emplace_back(g.read.base().value(), g.read.size().value());
+  for (const auto& [group, block] : nhStatus_->swIdToNextHopBlockMap())
+    used.emplace_back(block.base().value(), block.size().value());
+  for (const auto& [prefix, unused] : deferred_) {
+    const NextHopBlock b = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6).status->prefixToNextHopBlock(prefix);
+    if (b != NextHopBlock()) used.emplace_back(b.base().value(), b.size().value());
+  }
+  std::sort(used.begin(), used.end());
+  const U32 tableSize = std::min(nhSm_->allocator()->entriesCapacity(), chip_->nextHopEntries());
+  U32 cursor = 0;
+  for (const auto& [base, size] : used) {
+    if (base >= cursor + width) break;
+    cursor = std::max(cursor, base + size);
+  }
+  if (cursor + width > tableSize) return NextHopBlock();
+  return NextHopBlock(cursor, static_cast<U16>(width));
+}
+
 void XpLpmAgent::writeGroupEntries(SwId group, const NextHopBlock& block) {
   for (U32 m = 0; m < block.size().value(); ++m) {
     XpXdk::xpNhEntry held;
@@ -349,12 +437,23 @@ void XpLpmAgent::writeGroupEntries(SwId group, const NextHopBlock& block) {
   }
 }
 
-void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block) {
-  const Group* g = groups_.find(group);
+// The routes follow their group's block; this is the agent's own housekeeping, so it is not held
+// to the reserve a control plane's requests are: a sub-trie that is re-pointed gives its old block
+// back as it takes a new one, unless another sub-trie shares it.
+void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint which) {
+  Group* g = groups_.find(group);
   if (!g) return;
+  g->read = block;
   // Re-requesting may withdraw a route but never changes the group's membership.
   for (const auto& [prefix, unused] : g->routes) {
-    const RouteResult result = requestRoute(prefix, block);
+    Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
+    if (which == Repoint::installedOnly && !f.sm->prefixToSubTrie(prefix)) {
+      // Not in the chip: nothing reads it, and a request left on the old block would be placed
+      // there by the next notification. It is asked for again with the group's final block.
+      if (f.config->request(prefix) != NextHopBlock()) withdraw(prefix);
+      continue;
+    }
+    const RouteResult result = requestRoute(prefix, block, Admission::skip);
     if (RouteRecord* record = routes_.find(prefix)) record->result = result;
     ++counters_.routesRepointed;
   }
@@ -390,6 +489,15 @@ bool XpLpmAgent::withdraw(const Ptr<XpLpm::LpmPrefix>& prefix) {
     bool room = need == 0;
     for (const auto& [tile, allocator] : f.sm->nhiAllocatorMap()) room = room || allocator->freeEntries() >= need;
     if (!room) {
+      // The route stays as the chip has it. A next-hop change that found no room left its new
+      // block requested: ask for the installed one again, which needs no new block, or the next
+      // rewrite of its sub-trie would write the new block behind the Status's back.
+      const NextHopBlock installed = f.status->prefixToNextHopBlock(prefix);
+      if (f.config->request(prefix) != installed) {
+        f.config->requestIs(prefix, installed);
+        f.writer->drain();
+      }
+      if (!deferred_.contains(prefix)) ++counters_.withdrawalsHeld;
       deferred_.set(prefix, true);
       return false;
     }
@@ -420,7 +528,8 @@ void XpLpmAgent::forgetPrefix(const Ptr<XpLpm::LpmPrefix>& prefix) {
   }
 }
 
-RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block) {
+RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block,
+                                     Admission admission) {
   const bool v6 = prefix->addressFamily() == XpLpm::AddressFamily::ipv6;
   Family& f = family(v6);
   if (block == NextHopBlock()) {
@@ -431,7 +540,7 @@ RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const 
   const bool wasInstalled = static_cast<bool>(f.sm->prefixToSubTrie(prefix));
   const bool sameBlock = wasInstalled && f.status->prefixToNextHopBlock(prefix) == block;
   // A re-announcement keeps its NHI contents; anything else may take a block.
-  if (options_.nhiReserve && !sameBlock && !admits(f)) {
+  if (admission == Admission::check && options_.nhiReserve && !sameBlock && !admits(f)) {
     ++refused_[v6];
     withdraw(prefix);
     return RouteResult{RouteState::nhiReserve};
@@ -472,8 +581,10 @@ RouteResult XpLpmAgent::routeIs(const Route& r) {
   Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
   const SwId group = groupOf(r.nextHop);
   if (const RouteRecord* held = routes_.find(prefix); held && held->group != group) leaveGroup(prefix);
-  groupIs(group).routes.set(prefix, true);
-  const RouteResult result = requestRoute(prefix, groupBlock(group));
+  Group& g = groupIs(group);
+  g.routes.set(prefix, true);
+  g.read = groupBlock(group);
+  const RouteResult result = requestRoute(prefix, g.read, Admission::check);
   routes_.set(prefix, RouteRecord{group, result});
   return result;
 }

@@ -120,6 +120,14 @@ struct AgentCounters {
   U64 shuffles = 0;            // group moves applied
   U64 routesRepointed = 0;     // route re-requests caused by group moves and resizes
   U64 routesWithdrawnOnMove = 0;
+  // Moves whose new block overlaps the old one: the group's routes were first pointed at a copy
+  // elsewhere, so that none of them reads an entry while it is overwritten.
+  U64 shufflesStaged = 0;
+  // Such moves made in place, for want of free entries for the copy: the group's routes may meet
+  // another member of their group while the entries shift.
+  U64 shufflesUnstaged = 0;
+  // Withdrawals held back because the library would have found no NHI room for them.
+  U64 withdrawalsHeld = 0;
 };
 
 class XpLpmAgent {
@@ -166,6 +174,9 @@ class XpLpmAgent {
   void groupDel(SwId group);
   // The group's block, or the default block when it has none.
   NextHopBlock groupBlock(SwId group) const { return nhStatus_->swIdToNextHopBlock(group); }
+  // The id the agent holds its scratch block of the next-hop table under: no route uses it; a
+  // group's routes wait there while the group moves over its own old entries.
+  static constexpr SwId kScratchGroup{~U64(0) - 1};
   // What the agent writes into each entry of a group's block: the group and the member.
   // The top bit tells a written entry from a never-written one.
   static constexpr U64 kGroupEntryValid = U64(1) << 63;
@@ -200,6 +211,7 @@ class XpLpmAgent {
   struct RestartReport {
     U64 routesRecovered[2] = {0, 0};  // by family: IPv4, IPv6
     U64 entriesInvalid[2] = {0, 0};
+    U64 entriesCleared[2] = {0, 0};  // invalid entries the agent cleared from the chip
     double seconds[2] = {0, 0};
     U64 groupsRestored = 0;
     U64 groupsMisplaced = 0;  // groups the manager did not put back at their old base
@@ -232,6 +244,7 @@ class XpLpmAgent {
   struct Group {
     Nway width;
     XpLpm::LpmPrefixMap<bool> routes;  // the group's routes, of both families
+    NextHopBlock read;  // the block its routes were last pointed at
   };
   // A wanted route: its group and what became of it.
   struct RouteRecord {
@@ -250,9 +263,21 @@ class XpLpmAgent {
   void applyNextHopChanges(SwId requested, const NextHopBlock& before);
   void writeGroupEntries(SwId group, const NextHopBlock& block);
   void copyEntries(const NextHopBlock& from, const NextHopBlock& to);
+  // Moves a group's entries; when the new block overlaps the old one, its routes read a copy
+  // elsewhere meanwhile.
+  void moveGroup(SwId group, const NextHopBlock& from, const NextHopBlock& to);
+  // `width` next-hop entries that no route reads and no group holds, or the default block.
+  NextHopBlock unusedNextHops(U32 width) const;
+  // Holds a block of at least `width` next-hop entries that no route reads, where a group's
+  // routes wait while the group moves over its own old entries.
+  void scratchIs(U32 width);
   // Re-requests every route of the group with `block`.
-  void repointRoutes(SwId group, const NextHopBlock& block);
-  RouteResult requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block);
+  enum class Repoint { installedOnly, all };
+  // Re-requests the group's routes with `block`; installedOnly leaves the routes the chip does
+  // not hold out of the library until the group's final block is known.
+  void repointRoutes(SwId group, const NextHopBlock& block, Repoint which);
+  enum class Admission { check, skip };
+  RouteResult requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block, Admission admission);
   // Whether the family can take one more insert or next-hop change and still have room for any
   // withdrawal that may follow.
   bool admits(const Family& f) const;
@@ -279,6 +304,7 @@ class XpLpmAgent {
   AgentCounters counters_;
   RestartReport restartReport_;
   U64 refused_[2] = {0, 0};
+  NextHopBlock scratch_;  // the scratch block, where it lies in the chip now
   XpLpm::LpmPrefixMap<bool> deferred_;  // withdrawals waiting for NHI room
 };
 

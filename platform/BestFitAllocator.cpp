@@ -40,6 +40,15 @@ Ptr<Blk> BestFitAllocator::realloc(U32 base, U32 size) {
   return claim(base, size);
 }
 
+bool BestFitAllocator::claimable(U32 base, U32 size) const {
+  if (size == 0 || base >= memSz_ || size > memSz_ - base) return false;
+  if (const Blk* live = liveAt_[base]) return live->sz_ == size;
+  auto run = freeByStart_.upper_bound(base);
+  if (run == freeByStart_.begin()) return false;
+  --run;
+  return run->first + run->second >= base + size;
+}
+
 Ptr<Blk> BestFitAllocator::resizeInPlace(Blk* blk, U32 size) {
   const U32 oldSz = blk->sz_;
   if (size < oldSz) {

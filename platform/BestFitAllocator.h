@@ -111,6 +111,10 @@ class BestFitAllocator : public PtrInterface {
   // recovery claims a shared block once per user). Not bounded by maxBlkSz(): it claims what exists.
   Ptr<Blk> realloc(U32 base, U32 size);
 
+  // Whether realloc(base, size) would keep or claim exactly those entries without resizing or
+  // overlapping another block: a live block starts at base with that size, or they are all free.
+  bool claimable(U32 base, U32 size) const;
+
   // Whether alloc(size) would succeed now, without changing anything.
   bool canAlloc(U32 size) const {
     return size != 0 && size <= maxBlkSz_ && !freeBySize_.empty() && freeBySize_.rbegin()->first >= size;

@@ -307,7 +307,8 @@ XP_STATUS xpIpRouteLpmMgr::writePrefixEntry(U32, U32 tableId, U32 offset, const 
   ++writes_;
   if (!entry) return XP_ERR_INVALID_ARG;
   const XP_STATUS status = memory_->writePrefixEntry(tableId, offset, *entry);
-  if (afterWrite_ && *afterWrite_) (*afterWrite_)();
+  if (afterWrite_ && *afterWrite_ && status == XP_NO_ERR)
+    (*afterWrite_)(xpChipWrite{xpChipWrite::prefix, memory_->context().keyLength == 144, tableId, offset});
   return status;
 }
 
@@ -321,7 +322,8 @@ XP_STATUS xpIpRouteLpmMgr::writeNhiEntry(U32, U32 tile, U32 offset, const xpLpmN
   ++writes_;
   if (!entry) return XP_ERR_INVALID_ARG;
   const XP_STATUS status = memory_->writeNhiEntry(tile, offset, *entry);
-  if (afterWrite_ && *afterWrite_) (*afterWrite_)();
+  if (afterWrite_ && *afterWrite_ && status == XP_NO_ERR)
+    (*afterWrite_)(xpChipWrite{xpChipWrite::nhi, memory_->context().keyLength == 144, tile, offset});
   return status;
 }
 
@@ -359,11 +361,11 @@ XP_STATUS xpChip::readNextHop(U32 index, xpNhEntry* entry) const {
 XP_STATUS xpChip::writeNextHop(U32 index, const xpNhEntry& entry) {
   if (index >= nh_.size()) return XP_ERR_OUT_OF_RANGE;
   nh_[index] = entry;
-  if (afterWrite_) afterWrite_();
+  if (afterWrite_) afterWrite_(xpChipWrite{xpChipWrite::nextHop, false, 0, index});
   return XP_NO_ERR;
 }
 
-void xpChip::afterWriteIs(std::function<void()> f) {
+void xpChip::afterWriteIs(xpWriteHook f) {
   afterWrite_ = std::move(f);
   v4Mgr_.afterWriteIs(&afterWrite_);
   v6Mgr_.afterWriteIs(&afterWrite_);

@@ -41,6 +41,16 @@ struct xpLpmLookupResult {
   xpLpmNhiPair nextHopBlock;  // base and size of the next-hop block
 };
 
+// One write to the chip, as a write hook sees it.
+struct xpChipWrite {
+  enum Kind : U8 { prefix, nhi, nextHop };
+  Kind kind = prefix;
+  bool ipv6 = false;
+  U32 where = 0;  // prefix table or NHI tile; 0 for the next-hop table
+  U32 offset = 0;
+};
+using xpWriteHook = std::function<void(const xpChipWrite&)>;
+
 // The memory of one LPM instance (one address family).
 class xpLpmMemory {
  public:
@@ -97,7 +107,7 @@ class xpIpRouteLpmMgr {
   U64 reads() const { return reads_; }
   U64 writes() const { return writes_; }
   // Called after every write, for tests that watch the chip between writes.
-  void afterWriteIs(const std::function<void()>* f) { afterWrite_ = f; }
+  void afterWriteIs(const xpWriteHook* f) { afterWrite_ = f; }
 
  private:
   std::optional<XP_STATUS> injected(std::unordered_map<U64, XP_STATUS>& failures, U64 key);
@@ -107,7 +117,7 @@ class xpIpRouteLpmMgr {
   std::unordered_map<U64, XP_STATUS> nhiReadFailures_;
   U64 reads_ = 0;
   U64 writes_ = 0;
-  const std::function<void()>* afterWrite_ = nullptr;
+  const xpWriteHook* afterWrite_ = nullptr;
 };
 
 // The whole chip: one LPM memory per family and the next-hop table.
@@ -130,13 +140,13 @@ class xpChip {
   const xpNhEntry* resolve(const xpLpmLookupResult& r, U64 selector) const;
   // A hook run after every write to any of the chip's tables, so that a test can
   // check forwarding between two writes; none by default.
-  void afterWriteIs(std::function<void()> f);
+  void afterWriteIs(xpWriteHook f);
 
  private:
   std::unique_ptr<xpLpmMemory> v4_, v6_;
   xpIpRouteLpmMgr v4Mgr_, v6Mgr_;
   std::vector<xpNhEntry> nh_;
-  std::function<void()> afterWrite_;
+  xpWriteHook afterWrite_;
 };
 
 }  // namespace XpXdk

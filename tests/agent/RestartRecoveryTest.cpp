@@ -1,16 +1,19 @@
 // Restart recovery over a chip whose prefix tables hold a corrupted entry: each
 // check rejects it for its own reason, only its routes are lost, the rest come
-// back as they were, and the hardware keeps the entry unless asked to clear it.
+// back as they were, and the agent clears the entry from the chip.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "ForwardingCheck.h"
 #include "support/TestSupport.h"
 #include "XpLpmConfigurator/XpLpmConfigurator.h"
 #include "agent/AgentRestartHelper.h"
+#include "agent/ChipReport.h"
 #include "agent/XpLpmAgent.h"
 #include "platform/Trace.h"
 
@@ -110,7 +113,7 @@ void flipKeyBit(xpLpmPrefixEntry& e, U32 bit) {
   e.branch[fromRight / 8] ^= static_cast<U8>(1u << (fromRight % 8));
 }
 
-TEST(RestartRecoveryTest, EachInvalidEntryLosesOnlyItsRoutesAndStaysInTheChip) {
+TEST(RestartRecoveryTest, EachInvalidEntryLosesOnlyItsRoutesAndIsCleared) {
   const std::vector<Case> cases = {
       {"keySize", At::victim, [](auto& e) { e.keySize = xpLpmPrefixEntry::kKeySizeLong; }, "wrong keySize", Lost::all},
       {"mode", At::victim, [](auto& e) { e.mode = 0; }, "wrong mode", Lost::all},
@@ -151,7 +154,11 @@ TEST(RestartRecoveryTest, EachInvalidEntryLosesOnlyItsRoutesAndStaysInTheChip) {
     }
     EXPECT_EQ(second.restartReport().entriesInvalid[0], c.reason.empty() ? 0u : 1u);
     EXPECT_EQ(second.restartReport().entriesInvalid[1], 0u);
-    EXPECT_EQ(first.read(at), e) << "the recovery writes nothing";
+    // The agent clears what recovery could not parse, so that it stops matching lookups.
+    EXPECT_EQ(second.restartReport().entriesCleared[0], c.reason.empty() ? 0u : 1u);
+    if (!c.reason.empty()) {
+      EXPECT_TRUE(first.read(at).empty());
+    }
 
     U64 lost = 0;
     for (std::size_t i = 0; i < kRoutes.size(); ++i) {
@@ -170,6 +177,104 @@ TEST(RestartRecoveryTest, EachInvalidEntryLosesOnlyItsRoutesAndStaysInTheChip) {
     if (c.lost != Lost::slot0) {
       EXPECT_EQ(second.restartReport().routesRecovered[0], kRoutes.size() - lost);
     }
+  }
+}
+
+// One field of one chip entry spoiled: a prefix entry of a sub-trie with several routes, or the
+// NHI entries behind it.
+struct Corruption {
+  const char* name;
+  bool ipv6;
+  std::function<void(xpLpmPrefixEntry&, const xpLpmPrefixEntry& other)> prefix;  // may be empty
+  std::function<void(XpXdk::xpLpmNhiEntry&)> nhi;                                 // may be empty
+  bool allNhi = false;  // spoil every NHI entry some prefix entry points at, not only the victim's
+};
+
+// Whatever a single field holds, the agent starts (no stop), rebuilds a model whose every route
+// passes its own check, and once the wanted routes are reconciled every one of them forwards
+// exactly, with no NHI block overlapping another in the chip.
+TEST(RestartRecoveryTest, CorruptFieldsNeverStopTheAgent) {
+  std::vector<Route> routes = kRoutes;
+  for (const char* text : {"2001:db8:1::/48", "2001:db8:1:1::/64", "2001:db8:1:2::/64", "2001:db8:2::/48",
+                           "2001:db8:1:3::/64", "2400:cb00::/32"}) {
+    Route r;
+    r.ipv6 = true;
+    r.v6 = *Ip6Prefix::parse(text);
+    r.nextHop = routes.size();
+    routes.push_back(r);
+  }
+  auto zero = [](XpXdk::xpLpmNhiEntry& n) { n = XpXdk::xpLpmNhiEntry{}; for (auto& p : n.pair) p = {0, 0}; };
+  const std::vector<Corruption> cases = {
+      {"branchLenBit0", false, [](auto& e, auto&) { e.branchLen ^= 1; }, {}},
+      {"branchLenBit3", false, [](auto& e, auto&) { e.branchLen ^= 8; }, {}},
+      {"branchLenBit5", false, [](auto& e, auto&) { e.branchLen ^= 32; }, {}},
+      {"branchLenBit7", false, [](auto& e, auto&) { e.branchLen ^= 128; }, {}},
+      {"branchBeyondTheKey", true, [](auto& e, auto&) { e.branchLen = 150, e.stride = 8; }, {}},
+      {"branchLenBit6v6", true, [](auto& e, auto&) { e.branchLen ^= 64; }, {}},
+      {"slotCount", false, [](auto& e, auto&) { e.numSlots = 27; }, {}},
+      {"slotCountv6", true, [](auto& e, auto&) { e.numSlots = 200; }, {}},
+      {"nhiOffsetPlusOne", false, [](auto& e, auto&) { ++e.nhiOffset; }, {}},
+      {"nhiOffsetOfAnother", false, [](auto& e, auto& other) { e.nhiOffset = other.nhiOffset; }, {}},
+      {"nhiOffsetOfAnotherv6", true, [](auto& e, auto& other) { e.nhiOffset = other.nhiOffset; }, {}},
+      {"strideBit", false, [](auto& e, auto&) { e.stride ^= 2; }, {}},
+      {"oneZeroedNhiEntry", false, {}, zero},
+      {"everyNhiEntryZeroed", false, {}, zero, true},
+      {"everyNhiEntryZeroedv6", true, {}, zero, true},
+      {"nhiPairsNeverWritten", false, {}, [](auto& n) { n = XpXdk::xpLpmNhiEntry{}; }},
+  };
+  for (const Corruption& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::shared_ptr<XpXdk::xpChip> chip;
+    {
+      XpLpmAgent agent(small(), {.nextHopGroups = 40});
+      for (const Route& r : routes) ASSERT_TRUE(agent.routeIs(r).installed()) << r.prefixStr();
+      chip = agent.sharedChip();
+    }
+    const XpXdk::xpLpmMemory& lpm = chip->lpm(c.ipv6);
+    XpXdk::xpIpRouteLpmMgr& mgr = chip->lpmMgr(c.ipv6);
+    // The victim: the entry with the most routes; `other` any other entry.
+    U32 table = 0, index = 0, most = 0;
+    xpLpmPrefixEntry other;
+    std::vector<std::pair<U32, U32>> blocks;  // every entry's NHI (tile, offset)
+    for (U32 t = 0; t < XpXdk::xpLpmTableContext::kPrefixTables; ++t) {
+      for (const auto& [pos, e] : lpm.entries(t)) {
+        U32 used = 0;
+        for (const auto& leaf : e.slots) used += !leaf.empty();
+        blocks.push_back({e.nhiTile, e.nhiOffset});
+        if (used > most) {
+          if (most) other = lpm.entries(table).at(index);
+          table = t, index = pos, most = used;
+        } else {
+          other = e;
+        }
+      }
+    }
+    ASSERT_GE(most, 2u);
+    xpLpmPrefixEntry victim;
+    ASSERT_EQ(mgr.readPrefixEntry(0, table, index, &victim, 0), XpXdk::XP_NO_ERR);
+    if (c.prefix) {
+      c.prefix(victim, other);
+      ASSERT_EQ(mgr.writePrefixEntry(0, table, index, &victim), XpXdk::XP_NO_ERR);
+    }
+    if (c.nhi) {
+      if (!c.allNhi) blocks = {{victim.nhiTile, victim.nhiOffset}};
+      for (const auto& [tile, offset] : blocks) {
+        XpXdk::xpLpmNhiEntry n;
+        c.nhi(n);
+        ASSERT_EQ(mgr.writeNhiEntry(0, tile, offset, &n), XpXdk::XP_NO_ERR);
+      }
+    }
+
+    XpLpmAgent second(small(), chip, {.nextHopGroups = 40});
+    for (bool v6 : {false, true}) {
+      const XpLpm::LpmSm& sm = *second.family(v6).sm;
+      for (const auto& [prefix, subTrie] : sm.prefixToSubTrieMap()) sm.verifyLpmRoute(prefix);
+    }
+    second.reconcile(routes);
+    for (const Route& r : routes) EXPECT_TRUE(second.installed(r)) << r.prefixStr();
+    std::mt19937_64 probeRng(7);
+    EXPECT_EQ(test::probeInstalled(second, probeRng).mismatches, 0u);
+    for (bool v6 : {false, true}) EXPECT_EQ(auditNhiOverlaps(chip->lpm(v6)).overlappingPairs, 0u);
   }
 }
 

@@ -135,6 +135,65 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   EXPECT_EQ(test::probeInstalled(restarted, probeRng).mismatches, 0u);
 }
 
+// A warm restart on a profile of eight NHI tiles, then changes: routes nobody touched forward
+// exactly, every one of them probed. With the library's own filing a block is filed under one tile
+// while its entries come from another; recovery then claims it in the tile the chip names, and the
+// first change writes a new block over a recovered one.
+TEST(RestartTest, ChangesAfterAWarmRestartOnEightTilesForwardExactly) {
+  const auto& profile = *XpXdk::findChipProfile("reference");
+  struct Case {
+    const char* name;
+    bool ownTile;
+    int routes;  // of each family; 0 for the nine /24s of the smallest reproduction
+    int changes;
+  };
+  for (const Case& c : {Case{"nine /24s, own tile", true, 0, 1}, Case{"nine /24s, first tile", false, 0, 1},
+                        Case{"3000 + 3000, own tile", true, 3000, 20}}) {
+    for (unsigned seed : {1u, 2u, 3u}) {
+      if (c.routes == 0 && seed > 1) continue;
+      SCOPED_TRACE(std::string(c.name) + ", seed " + std::to_string(seed));
+      XpLpm::LpmSm::lastNhiTileIs(255);
+      std::mt19937 rng(seed);
+      std::set<std::string> keys;
+      std::vector<Route> wanted;
+      if (c.routes == 0) {
+        for (U32 i = 0; i < 9; ++i) {
+          Route r;
+          r.v4 = Prefix((10u + i) << 24, 24);  // each in a sub-trie, each with a block of its own
+          r.nextHop = i;
+          wanted.push_back(r);
+        }
+      } else {
+        wanted = randomRoutes(rng, 2 * c.routes, keys);
+      }
+      const AgentOptions options{.nextHopGroups = 40, .nhiOwnTileFiling = c.ownTile};
+      std::shared_ptr<XpXdk::xpChip> chip;
+      {
+        XpLpmAgent first(profile, options);
+        for (const Route& r : wanted) first.routeIs(r);
+        chip = first.sharedChip();
+      }
+      // A new process: the tile rotation starts afresh.
+      XpLpm::LpmSm::lastNhiTileIs(255);
+      XpLpmAgent second(profile, chip, options);
+      second.reconcile(wanted);
+      for (int i = 0; i < c.changes; ++i) {
+        Route& r = c.routes == 0 ? wanted.front() : wanted[rng() % wanted.size()];
+        r.nextHop = (r.nextHop + 1 + rng() % 39) % 40;
+        second.routeIs(r);
+      }
+      std::mt19937_64 probeRng(seed);
+      const U64 mismatches = test::probeInstalled(second, probeRng, !c.ownTile).mismatches;
+      if (c.ownTile) {
+        EXPECT_EQ(mismatches, 0u);
+        for (const Route& r : wanted) EXPECT_TRUE(second.installed(r)) << r.prefixStr();
+      } else {
+        EXPECT_GT(mismatches, 0u) << "the hazard this filing is kept off for did not show";
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace Agent
 }  // namespace XpLib
