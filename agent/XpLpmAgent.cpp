@@ -323,8 +323,27 @@ void XpLpmAgent::scratchIs(U32 width) {
   scratch_ = groupBlock(kScratchGroup);
 }
 
+// A new width re-points every route of the group, each sub-trie of them possibly to a new NHI
+// block: the change is admitted only when the reserve can take that on top of what it keeps.
+bool XpLpmAgent::admitsRepointing(SwId group) const {
+  const Group* g = groups_.find(group);
+  if (!options_.nhiReserve || !g) return true;
+  U64 routes[2] = {0, 0};
+  for (const auto& [prefix, unused] : g->routes) {
+    const bool v6 = prefix->addressFamily() == XpLpm::AddressFamily::ipv6;
+    routes[v6] += static_cast<bool>(family(v6).sm->prefixToSubTrie(prefix));
+  }
+  for (bool v6 : {false, true}) {
+    const NhiReserve reserve = nhiReserve(v6);
+    if (routes[v6] && reserve.free < reserve.entries + routes[v6] * family(v6).largestNhiBlock) return false;
+  }
+  return true;
+}
+
 GroupResult XpLpmAgent::groupWidthIs(SwId group, Nway width) {
   if (width.value() == 0 || width.value() > maxGroupWidth()) return GroupResult::badWidth;
+  if (const Group* g = groups_.find(group); g && g->width != width && !admitsRepointing(group))
+    return GroupResult::noRoom;
   scratchIs(std::max<U32>(width.value(), scratch_ == NextHopBlock() ? 8 : scratch_.size().value()));
   groupIs(group).width = width;
   const NextHopBlock before = groupBlock(group);

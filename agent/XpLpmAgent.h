@@ -168,7 +168,8 @@ class XpLpmAgent {
   // The widths a group may have: 1 to the next-hop table's largest block.
   U32 maxGroupWidth() const;
   // Sets a group's width, placing the group if it has no block yet. A width outside
-  // 1..maxGroupWidth() changes nothing and answers badWidth.
+  // 1..maxGroupWidth() changes nothing and answers badWidth; a change the NHI reserve could not
+  // take (every route of the group is re-pointed) changes nothing and answers noRoom.
   GroupResult groupWidthIs(SwId group, Nway width);
   // Removes a group; its routes are withdrawn first.
   void groupDel(SwId group);
@@ -281,6 +282,7 @@ class XpLpmAgent {
   // Whether the family can take one more insert or next-hop change and still have room for any
   // withdrawal that may follow.
   bool admits(const Family& f) const;
+  bool admitsRepointing(SwId group) const;
   // Takes the prefix out of the chip, unless the library would find no room for the block the
   // deletion needs: the withdrawal is then deferred. Returns whether it was done.
   bool withdraw(const Ptr<XpLpm::LpmPrefix>& prefix);

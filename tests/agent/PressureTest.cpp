@@ -9,6 +9,7 @@
 #include <string>
 
 #include "ForwardingCheck.h"
+#include "PressureModel.h"
 #include "support/TestSupport.h"
 
 namespace XpLib {
@@ -139,6 +140,28 @@ TEST(PressureTest, GrowthInAFragmentedTileNeverOverwritesAnotherBlock) {
   std::printf("growth: %llu of 600 sequences compacted the tile, %llu queued a write over another block\n",
               static_cast<unsigned long long>(compacted), static_cast<unsigned long long>(kept));
   EXPECT_GT(kept, 0u) << "no sequence reached the case";
+}
+
+// The pressure model, shortened: on one tile and on four, near their reserve, with both filings
+// where they apply (the library's own filing cannot compact a tile of several, so it runs on one).
+TEST(PressureTest, RandomOperationsAtHighFillForwardExactlyAndGiveEverythingBack) {
+  struct Case {
+    U32 tiles, tileEntries;
+    bool ownTile;
+  };
+  for (const Case& c : {Case{1, 48, true}, Case{1, 48, false}, Case{4, 24, true}}) {
+    for (unsigned seed : {1u, 2u}) {
+      SCOPED_TRACE("tiles " + std::to_string(c.tiles) + (c.ownTile ? " own" : " first") + " seed " +
+                   std::to_string(seed));
+      const test::PressureFigures f = test::runPressure(
+          {.tiles = c.tiles, .tileEntries = c.tileEntries, .ownTile = c.ownTile, .ops = 10000, .seed = seed});
+      EXPECT_EQ(f.mismatches, 0u);
+      EXPECT_GT(f.refused, 0u) << "the tiles never reached their reserve";
+      EXPECT_EQ(f.withdrawalsHeld, 0u);
+      EXPECT_EQ(f.nhiFreeAtEnd, f.nhiEntries);
+      if (c.tiles > 1) EXPECT_GT(f.compactions, 0u);
+    }
+  }
 }
 
 }  // namespace
