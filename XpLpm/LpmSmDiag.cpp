@@ -44,6 +44,81 @@ void LpmSm::verifyLpmRoute(const Ptr<LpmPrefix>& prefix) const {
                                                           << blk->blkSz() << " expectedBlkSize " << expectedBlkSize);
 }
 
+LpmSm::VerifyCounts LpmSm::verify() const {
+  VerifyCounts counts;
+  for (const auto& [id, table] : prefixTable_) {
+    const U8 tread = table->tableConfig()->tread();
+    for (const auto& [idx, st] : table->subTrieMap()) {
+      ++counts.subTries;
+      st->verify();
+      XP_ASSERT_V(st->table() == table.ptr() && st->index() == idx, " table " << id << " index " << idx << " subtrie " << *st);
+      XP_ASSERT_V(st->numPrefixes() > 0 && st->branchLen() >= tread, " table " << id << " subtrie " << *st);
+      for (const Ptr<LpmPrefix>& p : st->slots()) {
+        if (!p) continue;
+        // Every prefix shares the sub-trie's branch, lies within its stride and hashes to its position.
+        SubTrieBranch branch = st->branch();
+        U8 common = 0;
+        findCommonBranch(branch, p->branch(st->branchLen()), st->branchLen(), common);
+        XP_ASSERT_V(prefixToSubTrie(p) == st && common == st->branchLen() &&
+                        p->len() + 1 <= st->branchLen() + st->stride() && table->positionOf(p) == idx,
+                    " prefix " << *p << " subtrie " << *st);
+      }
+      const Ptr<NhiInfo> info = sharedNhi(st->nhiInfoKey());
+      const Ptr<SubTrieSet> users = nhiBaseIdxToSubTrie(st->nhiBaseIdx());
+      XP_ASSERT_V(info && info->nhiBaseIdx() == st->nhiBaseIdx() && users && users->subTrie(st), " subtrie " << *st);
+    }
+  }
+  XP_ASSERT_V(nhiBaseIdxToBlk_.size() == nhiBaseIdxToSubTrie_.size() && sharedNhi_.size() == nhiBaseIdxToBlk_.size(),
+              " blocks " << nhiBaseIdxToBlk_.size() << " users " << nhiBaseIdxToSubTrie_.size() << " records "
+                         << sharedNhi_.size());
+  U64 held = 0, need = 0;
+  for (const auto& [base, blk] : nhiBaseIdxToBlk_) {
+    ++counts.blocks;
+    held += blk->blkSz();
+    const Ptr<SubTrieSet> users = nhiBaseIdxToSubTrie(base);
+    XP_ASSERT_V(users && users->subTries() > 0, " nhiBaseIdx " << base);
+    for (const auto& [st, unused] : *users) {
+      const Ptr<NhiInfo> info = sharedNhi(st->nhiInfoKey());
+      XP_ASSERT_V(st->nhiBaseIdx() == base && info && info->subTrieCount() == users->subTries() &&
+                      blk->blkSz() == nhiBlockSize(st->maxPrefixSlot()),
+                  " nhiBaseIdx " << base << " subtrie " << *st);
+    }
+  }
+  for (const auto& [key, info] : sharedNhi_) {
+    ++counts.sharedRecords;
+    XP_ASSERT_V(key != NhiInfoKey() && nhiBaseIdxToBlk(info->nhiBaseIdx()), " nhiInfo " << info->str());
+    if (info->subTrieCount() > 1)
+      need += (info->subTrieCount() - 1) * nhiBlockSize(static_cast<U8>(key.slotToNextHopBlocks() - 1));
+  }
+  XP_ASSERT_V(need == nhiSharedDeleteNeed_, " need " << need << " counted " << nhiSharedDeleteNeed_);
+  U64 free = 0;
+  for (const auto& [tile, allocator] : nhiAllocator_) {
+    allocator->verify();
+    free += allocator->freeEntries();
+  }
+  XP_ASSERT_V(free + held == U64(config_->nhiEntriesPerTile()) * nhiAllocator_.size(),
+              " free " << free << " held " << held);
+  U64 inSubTries = 0;
+  for (const auto& [id, table] : prefixTable_)
+    for (const auto& [idx, st] : table->subTrieMap()) inSubTries += st->numPrefixes();
+  XP_ASSERT_V(inSubTries == prefixToSubTrie_.size(), " in sub-tries " << inSubTries << " installed "
+                                                                      << prefixToSubTrie_.size());
+  for (const auto& [prefix, st] : prefixToSubTrie_) {
+    ++counts.routes;
+    // An update that found no block leaves Status and the NHI contents on an earlier block, and a
+    // later rewrite of the sub-trie may bring the contents to the request without Status.
+    const NextHopBlock wanted = requestedBlock(prefix);
+    const std::optional<U8> slot = st->prefixToSlot(prefix);
+    if (status_->prefixToNextHopBlock(prefix) != wanted || !slot ||
+        st->nhiInfoKey().slotToNextHopBlock(*slot) != wanted) {
+      ++counts.routesStale;
+      continue;
+    }
+    verifyLpmRoute(prefix);
+  }
+  return counts;
+}
+
 U32 LpmSm::numSharedNhiBlocks() const {
   U32 shared = 0;
   for (const auto& [base, set] : nhiBaseIdxToSubTrie_) shared += set->subTries() > 1;

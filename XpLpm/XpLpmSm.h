@@ -112,6 +112,19 @@ class LpmSm : public PtrInterface {
   // NHI blocks used by more than one sub-trie.
   U32 numSharedNhiBlocks() const;
   void verifyLpmRoute(const Ptr<LpmPrefix>& prefix) const;
+  // What verify() looked at.
+  struct VerifyCounts {
+    U64 subTries = 0;
+    U64 routes = 0;        // installed routes, every one followed by verifyLpmRoute
+    U64 routesStale = 0;   // of those, lagging their request since an update found no room
+    U64 blocks = 0;
+    U64 sharedRecords = 0;
+  };
+  // The whole model checked: every sub-trie of every table, every installed route (by
+  // verifyLpmRoute, except routes that lag their request since an update found no room), the NHI
+  // allocators, blocks and sharing records and the links between them, the entries counted
+  // free and held, and the deletion need. A full scan; any broken invariant is fatal.
+  VerifyCounts verify() const;
   void dumpPrefixTable(const Ptr<PrefixTable>& prefixTable) const;
   void dumpPrefixTables() const;
 

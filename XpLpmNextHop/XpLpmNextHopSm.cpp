@@ -147,6 +147,23 @@ void LpmNextHopSm::showSoftwareSummary(int fd) const {
           (unsigned long long)numNhBlockDefrag_);
 }
 
+U64 LpmNextHopSm::verify() const {
+  allocator_->verify();
+  XP_ASSERT_V(swIdToBlock_.size() == status_->swIdToNextHopBlocks(),
+              " blocks " << swIdToBlock_.size() << " placements " << status_->swIdToNextHopBlocks());
+  U64 held = 0;
+  for (const auto& [swId, block] : status_->swIdToNextHopBlockMap()) {
+    const Ptr<Blk> blk = swIdToBlock(swId);
+    XP_ASSERT_V(blk && blk->base() == block.base().value() && blk->blkSz() == block.size().value() &&
+                    baseIdxToSwId(block.base()) == swId,
+                " swId " << swId << " block " << block);
+    held += blk->blkSz();
+  }
+  XP_ASSERT_V(held + allocator_->freeEntries() == allocator_->entriesCapacity(),
+              " held " << held << " free " << allocator_->freeEntries());
+  return swIdToBlock_.size();
+}
+
 Ptr<LpmNextHopSm> lpmNextHopSmFactory(const Name& name, const Ptr<Config>& config, const Ptr<Status>& status) {
   return makePtr<LpmNextHopSm>(name, config, status);
 }

@@ -52,6 +52,11 @@ class LpmNextHopSm : public PtrInterface {
 
   // The counters, as the summary prints them.
   void showSoftwareSummary(int fd) const;
+  // Checks every placement against the allocator: each client in Status holds its own block of
+  // the size Status gives (a resize that found no room keeps the old one), owned under its base;
+  // the allocator's blocks and free runs tile the table. A full scan; any broken invariant is
+  // fatal. Returns the clients.
+  U64 verify() const;
 
   // The client's block, or null.
   Ptr<Blk> swIdToBlock(SwId swId) const { return swIdToBlock_.get(swId); }

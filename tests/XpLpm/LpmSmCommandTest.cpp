@@ -89,7 +89,7 @@ TEST(LpmSmCommandTest, FirstPrefixIntoAnEmptyPosition) {
   expectNhi(cmds[0], NhiTableIdx(U8(0), 0), {nh(100, 2)});
   expectPrefix(cmds[1], {0, r.table(0)->positionOf(p).value(), p->branch(40), 40, 8}, {p}, NhiTableIdx(U8(0), 0));
   EXPECT_EQ(r.status->prefixToNextHopBlock(p), nh(100, 2));
-  checkModel(*r.sm);
+  r.sm->verify();
 }
 
 TEST(LpmSmCommandTest, WideningTakesANewBlockWrittenBeforeTheEntry) {
@@ -119,7 +119,7 @@ TEST(LpmSmCommandTest, WideningTakesANewBlockWrittenBeforeTheEntry) {
                  {first, second}, NhiTableIdx(U8(0), 1));
     EXPECT_FALSE(r.sm->nhiBaseIdxToBlk(NhiTableIdx(U8(0), 0))) << "the old block is released";
     EXPECT_EQ(r.sm->nhiAllocator(NhiTileIdx(0))->freeEntries(), 63u);
-    checkModel(*r.sm);
+    r.sm->verify();
   }
 }
 
@@ -148,11 +148,11 @@ TEST(LpmSmCommandTest, DeletionCompactsThenTheLastOneClearsTheEntry) {
   expectNhi(cmds[1], NhiTableIdx(U8(0), 3), {block(slots[2])});
   expectPrefix(cmds[2], shape, slots, NhiTableIdx(U8(0), 2));
   EXPECT_EQ(r.sm->nhiAllocator(NhiTileIdx(0))->freeEntries(), 62u);
-  checkModel(*r.sm);
+  r.sm->verify();
 
   r.cfg->requestDel(p[0]);
   r.cfg->requestDel(p[2]);
-  checkModel(*r.sm);
+  r.sm->verify();
   r.take();
   const NhiTableIdx lastBase = st->nhiBaseIdx();
   r.cfg->requestDel(p[3]);
@@ -165,7 +165,7 @@ TEST(LpmSmCommandTest, DeletionCompactsThenTheLastOneClearsTheEntry) {
   EXPECT_EQ(r.sm->sharedNhiMap().size(), 0u);
   EXPECT_EQ(r.sm->nhiAllocator(NhiTileIdx(0))->freeEntries(), 64u);
   EXPECT_EQ(r.status->prefixToNextHopBlocks(), 0u);
-  checkModel(*r.sm);
+  r.sm->verify();
 }
 
 TEST(LpmSmCommandTest, ShuffleWritesTheMovedEntryBeforeClearingTheOldOne) {
@@ -200,7 +200,7 @@ TEST(LpmSmCommandTest, ShuffleWritesTheMovedEntryBeforeClearingTheOldOne) {
   EXPECT_EQ(r.sm->prefixToSubTrie(px)->table(), b.ptr());
   EXPECT_EQ(r.sm->numHashShufflingAttempt(), 1u);
   EXPECT_EQ(r.sm->numHashShufflingSuccess(), 1u);
-  checkModel(*r.sm);
+  r.sm->verify();
 }
 
 TEST(LpmSmCommandTest, SlotsMapToPairsOfConsecutiveNhiEntries) {

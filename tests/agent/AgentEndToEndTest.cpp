@@ -82,6 +82,8 @@ TEST(AgentEndToEndTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
       probes += c.probes;
       mismatches += c.mismatches;
       ASSERT_EQ(c.mismatches, 0u) << "after op " << op;
+      for (bool v6 : {false, true}) agent.family(v6).sm->verify();
+      agent.nextHopSm()->verify();
     }
   }
   for (bool v6 : {false, true}) EXPECT_EQ(agent.family(v6).writer->counters().errors, 0u);

@@ -58,6 +58,7 @@ TEST(NextHopGroupTest, RandomGroupChurnKeepsBlocksDisjointAndContentsOwned) {
       if (agent.groupBlock(group) != NextHopBlock()) wanted[group.value()] = agent.groupBlock(group).size().value();
     }
     ASSERT_NO_FATAL_FAILURE(checkGroups(agent, wanted)) << "op " << op;
+    agent.nextHopSm()->verify();
   }
   EXPECT_GT(agent.nextHopSm()->numNhBlockDefrag(), 100u);
   EXPECT_GT(agent.nextHopSm()->numNhBlockOverflow(), 0u);

@@ -105,9 +105,10 @@ inline PressureFigures runPressure(const PressureRun& run) {
       f.mismatches += c.mismatches;
     }
   }
+  agent.nextHopSm()->verify();
   for (bool v6 : {false, true}) {
     const XpLpm::LpmSm& sm = *agent.family(v6).sm;
-    for (const auto& [prefix, subTrie] : sm.prefixToSubTrieMap()) sm.verifyLpmRoute(prefix);
+    sm.verify();
     f.refused += agent.nhiReserve(v6).refused;
     f.compactions += sm.numNhiBlockDefrag();
   }

@@ -266,10 +266,8 @@ TEST(RestartRecoveryTest, CorruptFieldsNeverStopTheAgent) {
     }
 
     XpLpmAgent second(small(), chip, {.nextHopGroups = 40});
-    for (bool v6 : {false, true}) {
-      const XpLpm::LpmSm& sm = *second.family(v6).sm;
-      for (const auto& [prefix, subTrie] : sm.prefixToSubTrieMap()) sm.verifyLpmRoute(prefix);
-    }
+    for (bool v6 : {false, true}) second.family(v6).sm->verify();
+    second.nextHopSm()->verify();
     second.reconcile(routes);
     for (const Route& r : routes) EXPECT_TRUE(second.installed(r)) << r.prefixStr();
     std::mt19937_64 probeRng(7);
