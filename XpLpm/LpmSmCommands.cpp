@@ -27,6 +27,7 @@ void LpmSm::generateNhiWriteCmds(const Ptr<SubTrie>& subTrie) {
   if (blocks == 0 || maxSlot == 0) return;
   const U32 pairs = config_->nhiPairPerEntry();
   const NhiTableIdx base = subTrie->nhiBaseIdx();
+  const bool tracing = Trace::on(4);
   for (U32 j = 0; j < blocks; ++j) {
     NextHopBlockList list;
     for (U32 k = 0; k < pairs && j * pairs + k < maxSlot; ++k) {
@@ -34,18 +35,24 @@ void LpmSm::generateNhiWriteCmds(const Ptr<SubTrie>& subTrie) {
       Ptr<LpmPrefix> p = subTrie->prefix(slot);
       if (p) {
         const NextHopBlock block = requestedBlock(p);
-        XP_TRACE(4, "LpmSm::generateNhiWriteCmds  adding prefix " << *p << " nhblk " << block << " slot " << +slot
-                                                                 << " j " << j);
+        if (tracing) {
+          XP_TRACE_ON(4, "LpmSm::generateNhiWriteCmds  adding prefix " << *p << " nhblk " << block << " slot "
+                                                                      << +slot << " j " << j);
+        }
         list.nextHopBlockEnq(block);
       } else {
-        XP_TRACE(4, "LpmSm::generateNhiWriteCmds  adding empty nhblk " << NextHopBlock() << " slot " << +slot
-                                                                      << " j " << j);
+        if (tracing) {
+          XP_TRACE_ON(4, "LpmSm::generateNhiWriteCmds  adding empty nhblk " << NextHopBlock() << " slot " << +slot
+                                                                           << " j " << j);
+        }
         list.nextHopBlockEnq(NextHopBlock());
       }
     }
     const NhiTableIdx index(base.tile(), static_cast<U16>(base.offset() + j));
-    XP_TRACE(4, "LpmSm::generateNhiWriteCmds  enqueue nhi cmd nhiBaseIdx " << index << " nhBlockLists "
-                                                                          << list.str());
+    if (tracing) {
+      XP_TRACE_ON(4, "LpmSm::generateNhiWriteCmds  enqueue nhi cmd nhiBaseIdx " << index << " nhBlockLists "
+                                                                               << list.str());
+    }
     enqueue(nhiCommandFactory(index, list));
   }
 }
@@ -53,13 +60,11 @@ void LpmSm::generateNhiWriteCmds(const Ptr<SubTrie>& subTrie) {
 void LpmSm::generatePrefixTableWriteCmds(const Ptr<SubTrie>& subTrie) {
   XP_TRACE(4, " LpmSm::generatePrefixTableWriteCmds subTrie " << *subTrie);
   LpmPrefixList list;
+  const bool tracing = Trace::on(4);
   for (U32 slot = 0; slot < subTrie->maxPrefixSlot(); ++slot) {
     Ptr<LpmPrefix> p = subTrie->prefix(static_cast<U8>(slot));
-    if (p) {
-      XP_TRACE(4, "LpmSm::generatePrefixTableWriteCmds  adding prefix " << *p << " slot " << slot);
-    } else {
-      XP_TRACE(4, "LpmSm::generatePrefixTableWriteCmds  adding empty prefix  slot " << slot);
-    }
+    if (tracing && p) XP_TRACE_ON(4, "LpmSm::generatePrefixTableWriteCmds  adding prefix " << *p << " slot " << slot);
+    if (tracing && !p) XP_TRACE_ON(4, "LpmSm::generatePrefixTableWriteCmds  adding empty prefix  slot " << slot);
     list.newPrefix(slot, p);
   }
   enqueue(prefixCommandFactory(subTrie->table()->tableId(), subTrie->index(), subTrie->branch(), subTrie->branchLen(),

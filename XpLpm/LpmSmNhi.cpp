@@ -25,8 +25,9 @@ U8 LpmSm::nhiBlockSize(U8 numPrefixes) const {
 bool LpmSm::isNhiBlockAvailable(U8 numPrefixes) {
   const U8 size = nhiBlockSize(numPrefixes);
   XP_TRACE(7, "LpmSm::isNhiBlockAvailable numPrefixes " << +numPrefixes << " allocate a block of " << +size);
+  const bool tracing = Trace::on(7);
   for (const auto& [tile, allocator] : nhiAllocator_) {
-    XP_TRACE(7, "LpmSm::isNhiBlockAvailable tile " << tile << " free entries " << allocator->freeEntries());
+    if (tracing) XP_TRACE_ON(7, "LpmSm::isNhiBlockAvailable tile " << tile << " free entries " << allocator->freeEntries());
     if (size <= allocator->freeEntries()) return true;
   }
   return false;
@@ -85,10 +86,13 @@ NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
   // would be given up are not taken at all.
   BestFitAllocator* last = nullptr;
   NhiTileIdx lastTile = firstTile;
+  const bool tracing = Trace::on(7);
   for (U32 n = 0; n < tiles; ++n) {
     const auto& [tile, allocator] = *(nhiAllocator_.begin() + (first + n) % tiles);
-    XP_TRACE(7, "LpmSm::allocateNhiBlock trying to allocate in tile " << tile << " free entries "
-                                                                      << allocator->freeEntries());
+    if (tracing) {
+      XP_TRACE_ON(7, "LpmSm::allocateNhiBlock trying to allocate in tile " << tile << " free entries "
+                                                                           << allocator->freeEntries());
+    }
     if (size > allocator->freeEntries()) continue;
     if (!allocator->canAlloc(size)) {
       XP_TRACE(7, "LpmSm::allocateNhiBlock tile needs defragmentation ");

@@ -47,8 +47,9 @@ int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
   invalidEntries_.clear();
   for (const auto& [tableId, tableConfig] : config_->prefixTableConfigMap()) {
     Ptr<PrefixTable> table = lpmSm_->prefixTableIs(tableId, tableConfig);
+    const bool tracing = Trace::on(8);
     for (U32 offset = 0; offset < tableConfig->depth(); ++offset) {
-      XP_TRACE(8, "RestartHelperBase::doRestart reading prefix table entry " << offset << " in table " << tableId);
+      if (tracing) XP_TRACE_ON(8, "RestartHelperBase::doRestart reading prefix table entry " << offset << " in table " << tableId);
       XpXdk::xpLpmPrefixEntry entry;
       const int ret = xdkLpmMgr_->readPrefixEntry(0, tableId.value(), offset, &entry, 0);
       if (ret == XpXdk::XP_ERR_OUT_OF_RANGE) continue;

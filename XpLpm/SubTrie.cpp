@@ -86,9 +86,10 @@ void SubTrie::removePrefix(const Ptr<LpmPrefix>& p) {
 
 void SubTrie::compactPrefixes() {
   U8 c = 0;
+  const bool tracing = Trace::on(6);
   for (std::size_t s = 0; s < slots_.size(); ++s) {
     if (!slots_[s]) continue;
-    XP_TRACE(6, "SubTrie::compactPrefixes lpmPrefix " << *slots_[s] << " slot " << +c);
+    if (tracing) XP_TRACE_ON(6, "SubTrie::compactPrefixes lpmPrefix " << *slots_[s] << " slot " << +c);
     if (s != c) slots_[c] = std::move(slots_[s]);
     ++c;
   }

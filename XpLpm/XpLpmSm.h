@@ -67,10 +67,19 @@ class LpmSm : public PtrInterface {
 
   // --- insertion
   void insertPrefix(const Ptr<LpmPrefix>& prefix);
+  struct TablePass;
+  // Whether a pass of insertPrefix tries the table, tracing why not.
+  bool tableTried(const Ptr<PrefixTable>& table, U32 i, TablePass& walk) const;
+  RouteReturnCode insertPrefixPass(const Ptr<LpmPrefix>& prefix, TablePass& walk);
   RouteReturnCode insertPrefixInternal(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& table);
   RouteReturnCode insertPrefixToTable(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& table);
   RouteReturnCode createSubTrieWithPrefix(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& table);
   RouteReturnCode insertPrefixToSubTrie(const Ptr<LpmPrefix>& prefix, const Ptr<SubTrie>& subTrie);
+  // The steps of insertPrefixToSubTrie, each leaving the sub-trie untouched.
+  struct SubTrieShape;
+  bool commonBranch(const Ptr<LpmPrefix>& prefix, const SubTrie& subTrie, SubTrieShape& shape) const;
+  bool shapeFor(const Ptr<LpmPrefix>& prefix, const SubTrie& subTrie, SubTrieShape& shape) const;
+  RouteReturnCode nhiFor(const SubTrie& subTrie, SubTrieShape& shape);
   RouteReturnCode moveSubTrie(const Ptr<LpmPrefix>& prefix, const Ptr<PrefixTable>& srcPrefixTable);
 
   // --- NHI blocks

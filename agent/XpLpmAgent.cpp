@@ -241,7 +241,7 @@ void XpLpmAgent::restoreGroups() {
     if (groups_.contains(restored.group) || base < cursor) continue;
     fill(cursor, base);
     const Nway width(static_cast<U16>(restored.width));
-    groups_.set(restored.group, Group{width, {}});
+    groups_.set(restored.group, Group{width, {}, {}});
     nhConfig_->requestIs(restored.group, width);
     ++restartReport_.groupsRestored;
     if (groupBlock(restored.group).base().value() != base) {
@@ -300,7 +300,7 @@ XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& want
 
 XpLpmAgent::Group& XpLpmAgent::groupIs(SwId group) {
   if (Group* g = groups_.find(group)) return *g;
-  groups_.set(group, Group{defaultWidth(group), {}});
+  groups_.set(group, Group{defaultWidth(group), {}, {}});
   const NextHopBlock before = groupBlock(group);
   nhConfig_->requestIs(group, defaultWidth(group));
   applyNextHopChanges(group, before);

@@ -2,6 +2,7 @@
 #include "platform/Trace.h"
 
 #include <cstdio>
+#include <sstream>
 #include <utility>
 
 namespace XpLib {
@@ -26,6 +27,12 @@ void emit(int level, std::string_view line) {
     return;
   }
   std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+}
+
+void emitWritten(int level, Writer write, const void* context) {
+  std::ostringstream os;
+  write(os, context);
+  emit(level, os.view());
 }
 
 }  // namespace Trace

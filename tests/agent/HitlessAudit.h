@@ -11,6 +11,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -82,8 +83,10 @@ class HitlessAudit {
     bool member = false;
     bool operator==(const Answer&) const = default;
     std::string str() const {
-      return hit ? "/" + std::to_string(len) + " group " + std::to_string(group) + (member ? "" : " wrong member")
-                 : "miss";
+      if (!hit) return "miss";
+      std::ostringstream os;
+      os << "/" << len << " group " << group << (member ? "" : " wrong member");
+      return os.str();
     }
   };
   struct Probe {
@@ -150,7 +153,7 @@ class HitlessAudit {
   }
 
   void probe(const std::string& label, const Route& r) {
-    Probe p{label, r.ipv6, r.vrf, 0, {}, {}};
+    Probe p{label, r.ipv6, r.vrf, 0, {}, {}, {}};
     if (r.ipv6) {
       p.a6 = randomAddressIn(r.v6, rng_);
     } else {

@@ -41,7 +41,7 @@ inline PressureFigures runPressure(const PressureRun& run) {
     c->nhiTileBitmap[0] = static_cast<U8>((1u << run.tiles) - 1);
   }
   profile.nextHop.rowBlkInc = run.nextHops;
-  const U64 kGroups = run.groups;
+  const U32 kGroups = run.groups;
   XpLpmAgent agent(profile, {.nextHopGroups = kGroups, .nhiOwnTileFiling = run.ownTile});
   std::mt19937 rng(run.seed);
   std::mt19937_64 probeRng(run.seed);

@@ -159,7 +159,9 @@ TEST(PressureTest, RandomOperationsAtHighFillForwardExactlyAndGiveEverythingBack
       EXPECT_GT(f.refused, 0u) << "the tiles never reached their reserve";
       EXPECT_EQ(f.withdrawalsHeld, 0u);
       EXPECT_EQ(f.nhiFreeAtEnd, f.nhiEntries);
-      if (c.tiles > 1) EXPECT_GT(f.compactions, 0u);
+      if (c.tiles > 1) {
+        EXPECT_GT(f.compactions, 0u);
+      }
     }
   }
 }
