@@ -122,15 +122,19 @@ U8 ConfigBase::keyLength() const {
   return 144;
 }
 
-U8 ConfigBase::nhiBlockEcmpWidth() const {
-  U8 nhiPairSize = 0;
-  switch (nhiPairPerEntry_) {
-    case 6: nhiPairSize = 21; break;
-    case 7: nhiPairSize = 18; break;
-    case 8: nhiPairSize = 16; break;
-    case 10: nhiPairSize = 12; break;
-    default: XP_ASSERT_TEXT(false, "false && \"Unknown NHI pair per entry\"");
+U8 ConfigBase::nhiPairWidth(U8 pairsPerEntry) {
+  switch (pairsPerEntry) {
+    case 6: return 21;
+    case 7: return 18;
+    case 8: return 16;
+    case 10: return 12;
+    default: return 0;
   }
+}
+
+U8 ConfigBase::nhiBlockEcmpWidth() const {
+  const U8 nhiPairSize = nhiPairWidth(nhiPairPerEntry_);
+  XP_ASSERT_TEXT(nhiPairSize != 0, "false && \"Unknown NHI pair per entry\"");
   XP_ASSERT_TEXT(nhiPairSize >= nhiBlockBaseWidth(), "nhiPairSize >= nhiBlockBaseWidth()");
   return static_cast<U8>(nhiPairSize - nhiBlockBaseWidth());
 }

@@ -105,6 +105,9 @@ class ConfigBase : public PtrInterface {
   static constexpr U8 vrfBits() { return kVrfBits; }
   // 48 for keyShort48b, 144 for keyLong144b.
   U8 keyLength() const;
+  // Bits of one next-hop pair for that many pairs per NHI entry; 0 for a count the NHI entry does
+  // not come in (6, 7, 8 and 10 are the ones it does).
+  static U8 nhiPairWidth(U8 pairsPerEntry);
   // Bits of a next-hop pair beyond the block base.
   U8 nhiBlockEcmpWidth() const;
   // The largest NHI block a sub-trie can need: ceil(216 / nhiPairPerEntry).

@@ -9,10 +9,12 @@
 namespace XpLib {
 namespace XpLpm {
 
+static_assert(XpXdk::kNarrowEntryBits == 88 && XpXdk::kWideEntryBits == 216);
+
 U32 PrefixTableConfig::entrySize() const {
-  if (tableType_ == prefixTableNarrow128b) return 88;
+  if (tableType_ == prefixTableNarrow128b) return XpXdk::kNarrowEntryBits;
   XP_ASSERT_TEXT(tableType_ == prefixTableWide256b, "tableType() == prefixTableWide256b_");
-  return 216;
+  return XpXdk::kWideEntryBits;
 }
 
 U32 PrefixTableConfig::hashFunc(const Ptr<LpmPrefix>&) const {

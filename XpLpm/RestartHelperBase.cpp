@@ -14,8 +14,13 @@ namespace XpLpm {
 
 namespace {
 
-// SDK codes a recovery read or write may return and still count as done.
-bool accepted(int code) { return code == 0 || code == 42 || code == 9; }
+// SDK codes a recovery read or write may return and still count as done: besides success, the
+// SDK flags a record whose contents it finds suspect (invalid data) and an argument it would
+// have clamped (invalid argument) while still transferring the record. The recovery judges the
+// contents itself, so both are taken as read.
+bool accepted(int code) {
+  return code == XpXdk::XP_NO_ERR || code == XpXdk::XP_ERR_INVALID_DATA || code == XpXdk::XP_ERR_INVALID_ARG;
+}
 
 // `line` is the failed call's, so that the report points at it rather than at this function.
 [[noreturn]] void apiError(unsigned line, const char* call, int code) {
@@ -38,6 +43,20 @@ Ptr<LpmPrefix> RestartHelperBase::createPrefix(const SubTrieBranch&, U8, const U
 
 void RestartHelperBase::deletePrefix(const Ptr<LpmPrefix>&) {
   throw NoImplementationException("deletePrefix must be implemented in the derived class");
+}
+
+SubTrieBranch entryBranch(const XpXdk::xpLpmPrefixEntry& e) {
+  // Byte k of the model's branch is made of entry bytes m - 1 - k (its high part) and m - 2 - k,
+  // shifted right by the bits the last byte leaves unused.
+  SubTrieBranch branch;
+  const U32 m = (e.branchLen + 7u) / 8u;
+  const U32 shift = e.branchLen % 8 ? e.branchLen % 8 : 8;
+  for (U32 k = 0; k < m && k < SubTrieBranch::kBytes; ++k) {
+    const U32 hi = e.branch[m - 1 - k];
+    const U32 lo = k == m - 1 ? 0 : e.branch[m - 2 - k];
+    branch.u8Is(k, static_cast<U8>(((hi << 8) | lo) >> shift));
+  }
+  return branch;
 }
 
 int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
@@ -88,9 +107,11 @@ int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
 std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table,
                                                      U32 offset, SubTrieBranch& branch, std::vector<Place>& places) {
   XP_ASSERT_TEXT(places.size() == 0, "prefixes.size() == 0");
-  const U8 wantKeySize = config_->keyType() == keyShort48b ? 0 : 2;
+  using Entry = XpXdk::xpLpmPrefixEntry;
+  const U8 wantKeySize = config_->keyType() == keyShort48b ? Entry::kKeySizeShort : Entry::kKeySizeLong;
   if (e.keySize != wantKeySize) return "wrong keySize";
-  if (e.mode != 1) return "wrong mode";
+  // Every entry this system writes is sparse; the model rebuilds no other mode.
+  if (e.mode != Entry::kModeSparse) return "wrong mode";
   const U32 entrySize = table->tableConfig()->entrySize();
   if (U32(e.branchLen) + e.stride > entrySize) return "branch length + stride too large";
   if (e.stride == 0) return "stride is zero";
@@ -98,14 +119,7 @@ std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEnt
   if (e.branchLen > config_->keyLength()) return "branch length beyond the key";
   if (e.branchLen < table->tableConfig()->tread()) return "branch shorter than the table's tread";
 
-  // The entry holds the branch right-aligned, least significant byte first.
-  const U32 m = (e.branchLen + 7u) / 8u;
-  const U32 shift = e.branchLen % 8 ? e.branchLen % 8 : 8;
-  for (U32 k = 0; k < m; ++k) {
-    const U32 hi = e.branch[m - 1 - k];
-    const U32 lo = k == m - 1 ? 0 : e.branch[m - 2 - k];
-    branch.u8Is(k, static_cast<U8>(((hi << 8) | lo) >> shift));
-  }
+  branch = entryBranch(e);
   XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry offset " << offset << " branch 0: " << branch.word0()
                                                                  << " 1: " << branch.word1() << " 2: "
                                                                  << branch.word2() << " 3: " << branch.word3()

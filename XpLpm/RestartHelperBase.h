@@ -23,6 +23,10 @@ namespace XpLpm {
 
 class LpmSm;
 
+// The branch a prefix-table entry holds (right-aligned, least significant byte first), as the
+// model holds a branch (left-aligned). Requires: branchLen within the key.
+SubTrieBranch entryBranch(const XpXdk::xpLpmPrefixEntry& e);
+
 class RestartHelperBase : public PtrInterface {
  public:
   RestartHelperBase(const Ptr<ConfigBase>& config, const Ptr<Status>& lpmStatus);

@@ -10,6 +10,7 @@
 
 #include "platform/IntValue.h"
 #include "platform/Types.h"
+#include "xdk/xpLpmEntry.h"
 
 namespace XpLib {
 namespace XpLpm {
@@ -23,7 +24,8 @@ namespace XpLpm {
 // key (keyShort48b) is 16 VRF bits then a 32-bit IPv4 address, in the first 48 bits.
 class SubTrieBranch {
  public:
-  static constexpr unsigned kBytes = 18;
+  static constexpr unsigned kBytes = XpXdk::kLpmKeyBytes;
+  static_assert(kBytes == 18, "five words: four of 32 bits and one of 16");
 
   SubTrieBranch() = default;
   SubTrieBranch(U32 w0, U32 w1, U32 w2, U32 w3, U16 w4) : w_{w0, w1, w2, w3, w4} {}

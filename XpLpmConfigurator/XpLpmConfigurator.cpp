@@ -24,10 +24,11 @@ using XpLpm::KeyType;
 constexpr U32 kHashKeyWidth = 144;
 // Start the CRC register at all ones, so that leading zero key bits still move it.
 constexpr U32 kHashPreset = 1;
-// NHI entries in one tile of the chip's NHI table.
-constexpr U16 kNhiEntriesPerTile = 16384;
+// The configurator takes the chip's tile size as the tile size (without NHI_TABLE_SIZE).
+static_assert(XpXdk::kNhiEntriesPerTile == 16384 && XpXdk::kNhiEntriesPerTile <= 0xFFFF);
 // Strides the chip's sub-trie entries can take, in the order they are announced.
 constexpr std::array<U8, 15> kAvailableStrides{8, 9, 10, 11, 12, 14, 16, 20, 24, 28, 32, 48, 64, 96, 128};
+static_assert(kAvailableStrides.front() == XpXdk::kMinStride, "the chip's slot count assumes its smallest stride");
 
 // A numeric override from the environment, read when the step runs so that it can differ between calls.
 std::optional<long> envOverride(const char* name) {
@@ -46,15 +47,6 @@ XpLpm::PrefixTableType prefixTableType(const XpXdk::xpPrefixTableContext& prefix
 // The index bits a table of `depth` entries can use: a depth that is not a power of two leaves its top part
 // unused. A zero depth gives 0 bits, which the SDK's hash function rejects.
 U32 hashBitsForDepth(U32 depth) { return depth ? static_cast<U32>(std::log2(static_cast<double>(depth))) : 0; }
-
-// Tiles marked in the valid bytes of the chip's tile bitmap.
-U8 availableNhiTiles(const XpXdk::xpLpmTableContext& lpmContext) {
-  U32 tiles = 0;
-  for (U32 i = 0; i < lpmContext.nhiTileBitmap.size(); ++i) {
-    if (lpmContext.nhiTileBitmapValidMask & (1u << i)) tiles += std::popcount(lpmContext.nhiTileBitmap[i]);
-  }
-  return static_cast<U8>(tiles);
-}
 
 }  // namespace
 
@@ -137,9 +129,9 @@ void XpLpmConfigurator::configNhi(const XpXdk::xpLpmTableContext& lpmContext, Co
   config.nhiPairPerEntryIs(lpmContext.nhiPairPerEntry);
   config.nhiBlockBaseWidthIs(lpmContext.nhiBlockBaseWidth);
   // An overridden table is a test table: making it one tile keeps tile boundaries out of the way.
-  config.nhiEntriesPerTileIs(nhiTableSize ? static_cast<U16>(*nhiTableSize) : kNhiEntriesPerTile);
+  config.nhiEntriesPerTileIs(static_cast<U16>(nhiTableSize ? *nhiTableSize : XpXdk::kNhiEntriesPerTile));
   const std::optional<long> tiles = envOverride("NUMBER_OF_NHI_TILES");
-  config.nhiAvailableTilesIs(tiles ? static_cast<U8>(*tiles) : availableNhiTiles(lpmContext));
+  config.nhiAvailableTilesIs(static_cast<U8>(tiles ? *tiles : lpmContext.nhiTiles()));
 }
 
 // Without any tread input the families deliberately differ: IPv4 is treated as user-configured (no minimum

@@ -68,15 +68,5 @@ XpXdk::xpLpmNhiEntry encodeNhiEntry(const XpLpm::NhiCommand& cmd) {
   return e;
 }
 
-XpLpm::SubTrieBranch decodeBranch(const XpXdk::xpLpmPrefixEntry& entry) {
-  XpLpm::SubTrieBranch b;
-  for (U32 i = 0; i < entry.branchLen; ++i) {
-    if (!((entry.branch[i / 8] >> (i % 8)) & 1)) continue;
-    const U32 keyBit = entry.branchLen - 1 - i;
-    b.u8Is(keyBit / 8, static_cast<U8>(b.byteAt(keyBit / 8) | (0x80u >> (keyBit % 8))));
-  }
-  return b;
-}
-
 }  // namespace Agent
 }  // namespace XpLib

@@ -17,10 +17,9 @@ XpXdk::xpLpmPrefixEntry encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm
 XpXdk::xpLpmNhiEntry encodeNhiEntry(const XpLpm::NhiCommand& cmd);
 
 // The leaf of a prefix stored below a branch of branchLen bits: its remaining
-// bits behind a marker bit.
+// bits behind a marker bit. The inverse steps are the library's: entryBranch and
+// combineBranchAndLeaf.
 XpXdk::xpLpmLeaf encodeLeaf(const XpLpm::LpmPrefix& prefix, U8 branchLen);
-// The branch of an entry, left-aligned as the model holds it.
-XpLpm::SubTrieBranch decodeBranch(const XpXdk::xpLpmPrefixEntry& entry);
 
 }  // namespace Agent
 }  // namespace XpLib

@@ -50,7 +50,7 @@ std::optional<std::string> badNumber(const char* name, U64 lo, U64 hi, const std
 U32 widestEntryBits(const XpXdk::xpLpmTableContext& c) {
   U32 bits = 0;
   for (const auto& t : c.prefixTableContext)
-    if (t.valid) bits = std::max(bits, t.sramWidth == 128 ? 88u : 216u);
+    if (t.valid) bits = std::max(bits, t.sramWidth == 128 ? XpXdk::kNarrowEntryBits : XpXdk::kWideEntryBits);
   return bits;
 }
 
@@ -65,11 +65,11 @@ std::vector<std::string> environmentProblems(const XpXdk::xpChipProfile& profile
                  "every prefix table hashes into that many entries, which needs at least 2", nullptr));
   note(badNumber("NHI_TABLE_SIZE", 1, 0xFFFF, "it also becomes the entries of one NHI tile, a 16-bit count", nullptr));
   note(badNumber("NUMBER_OF_NHI_TILES", 1, 0xFF, "the library counts tiles in 8 bits", nullptr));
-  // The smallest stride the library offers is 8: a sub-trie holds at most entry bits / 8 slots.
+  // A sub-trie holds at most entry bits / smallest stride slots.
   U64 needed = 1;
   for (const auto* c : {&profile.ipv4, &profile.ipv6}) {
     if (c->nhiPairPerEntry == 0) continue;
-    const U64 slots = widestEntryBits(*c) / 8;
+    const U64 slots = widestEntryBits(*c) / XpXdk::kMinStride;
     needed = std::max<U64>(needed, (slots + c->nhiPairPerEntry - 1) / c->nhiPairPerEntry);
   }
   note(badNumber("NHI_MAX_BLOCK_SIZE", needed, 0xFFFF,

@@ -20,6 +20,7 @@ using XpLib::U8;
 
 class XpBitVector {
  public:
+  // Enough for the LPM key, the longest the SDK hashes (xpLpmEntry.h: kLpmKeyBits).
   static constexpr U32 maxBits = 144;
   static constexpr U32 maxBytes = maxBits / 8;
 

@@ -20,8 +20,8 @@ namespace XpXdk {
 
 namespace {
 
-constexpr U32 kKeyBits = 144;
-constexpr U32 kKeyBytes = 18;
+constexpr U32 kKeyBits = kLpmKeyBits;
+constexpr U32 kKeyBytes = kLpmKeyBytes;
 constexpr U8 kNoKeySize = 0xFF;  // a key length the chip does not look up
 using KeyBytes = std::array<U8, kKeyBytes>;
 
@@ -164,14 +164,6 @@ KeyBytes cutKey(const Wide& key, U32 tread) {
   return leBytesFromWide(cut);
 }
 
-U32 nhiTileCount(const xpLpmTableContext& context) {
-  U32 tiles = 0;
-  for (U32 i = 0; i < context.nhiTileBitmap.size(); ++i) {
-    if ((context.nhiTileBitmapValidMask >> i) & 1) tiles += std::popcount(context.nhiTileBitmap[i]);
-  }
-  return tiles;
-}
-
 void require(bool ok, const std::string& what) {
   if (!ok) throw std::invalid_argument("xpLpmMemory: " + what);
 }
@@ -211,7 +203,7 @@ xpLpmMemory::xpLpmMemory(const xpLpmTableContext& context) : context_(context) {
                                                         1, table.tread);
     tables_[p].occupancy.assign((table.depth + 63) / 64, 0);
   }
-  U32 tiles = nhiTileCount(context);
+  U32 tiles = context.nhiTiles();
   if (tiles == 0) return;
   require(context.nhiPairPerEntry >= 1 && context.nhiPairPerEntry <= xpLpmNhiEntry::kMaxPairs,
           "nhiPairPerEntry must be 1.." + std::to_string(xpLpmNhiEntry::kMaxPairs));

@@ -22,8 +22,8 @@ namespace XpXdk {
 
 // The 18 key bytes of a lookup: VRF high, VRF low, then the address in network order.
 struct xpLpmKey {
-  std::array<U8, 18> bytes{};
-  U32 keyLength = 48;  // 48 or 144
+  std::array<U8, kLpmKeyBytes> bytes{};
+  U32 keyLength = 48;  // 48 or kLpmKeyBits
 
   static xpLpmKey ipv4(U32 vrf, U32 address);
   static xpLpmKey ipv6(U32 vrf, const std::array<U8, 16>& address);

@@ -43,8 +43,8 @@ std::vector<xpChipProfile> makeProfiles() {
     xpChipProfile p;
     p.name = "small";
     p.description = "a few hundred entries per family: collisions, full tables and NHI compaction come quickly";
-    p.ipv4 = lpmContext(48, {{32, 64, 2}, {24, 64, 2}, {16, 16, 1}}, 8, 12, 1, 16384);
-    p.ipv6 = lpmContext(144, {{60, 64, 2}, {48, 64, 2}, {16, 16, 1}}, 6, 12, 1, 16384);
+    p.ipv4 = lpmContext(48, {{32, 64, 2}, {24, 64, 2}, {16, 16, 1}}, 8, 12, 1, kNhiEntriesPerTile);
+    p.ipv6 = lpmContext(144, {{60, 64, 2}, {48, 64, 2}, {16, 16, 1}}, 6, 12, 1, kNhiEntriesPerTile);
     p.nextHop.rowBlkInc = 4096;
     profiles.push_back(p);
   }
@@ -53,12 +53,12 @@ std::vector<xpChipProfile> makeProfiles() {
     p.name = "reference";
     p.description = "holds a whole default-free IPv4 and IPv6 table: four tables per tread, 8 NHI tiles";
     p.ipv4 = lpmContext(48, {{36, 32768, 4}, {32, 16384, 4}, {28, 4096, 4}, {24, 256, 4}, {20, 16, 2}, {16, 2, 1}},
-                        8, 14, 8, 16384);
+                        8, 14, 8, kNhiEntriesPerTile);
     p.ipv6 = lpmContext(144,
                         {{136, 512, 1}, {128, 512, 1}, {120, 512, 1}, {112, 512, 1}, {104, 512, 1}, {96, 512, 1},
                          {88, 512, 1}, {80, 4096, 2}, {72, 8192, 3}, {64, 8192, 1}, {60, 16384, 4}, {56, 8192, 2}, {52, 8192, 2},
                          {48, 16384, 4}, {44, 8192, 1}, {40, 4096, 3}, {32, 256, 1}, {24, 16, 1}, {16, 2, 1}},
-                        8, 14, 8, 16384);
+                        8, 14, 8, kNhiEntriesPerTile);
     p.nextHop.rowBlkInc = 16384;
     profiles.push_back(p);
   }

@@ -22,9 +22,21 @@
 #include <array>
 #include <vector>
 
+#include "xdk/XpBitVector.h"
 #include "xdk/xpTableContext.h"
 
 namespace XpXdk {
+
+// The chip's LPM key: 16 VRF bits, then up to 128 address bits.
+inline constexpr U32 kLpmKeyBits = 144;
+inline constexpr U32 kLpmKeyBytes = kLpmKeyBits / 8;
+static_assert(kLpmKeyBytes * 8 == kLpmKeyBits);
+// Bits of prefix data in a wide (256-bit) and in a narrow (128-bit) prefix-table entry.
+inline constexpr U32 kWideEntryBits = 216;
+inline constexpr U32 kNarrowEntryBits = 88;
+// The smallest stride the chip offers: no slot is narrower.
+inline constexpr U32 kMinStride = 8;
+static_assert(XpBitVector::maxBits >= kLpmKeyBits, "a hash key is the whole LPM key");
 
 struct xpLpmLeaf {
   U64 leafVal = 0;
@@ -37,14 +49,15 @@ struct xpLpmPrefixEntry {
   static constexpr U8 kKeySizeShort = 0;
   static constexpr U8 kKeySizeLong = 2;
   static constexpr U8 kModeSparse = 1;
-  // The most slots a 216-bit entry holds at the smallest stride (8) the chip offers.
-  static constexpr U32 kMaxSlots = 27;
+  // The most slots an entry holds: the widest at the smallest stride.
+  static constexpr U32 kMaxSlots = kWideEntryBits / kMinStride;
+  static_assert(kMaxSlots == 27);
 
   U8 keySize = 0;
   U8 mode = 0;
   U8 branchLen = 0;
   U8 stride = 0;
-  std::array<U8, 18> branch{};
+  std::array<U8, kLpmKeyBytes> branch{};
   U8 nhiTile = 0;
   U16 nhiOffset = 0;
   U8 numSlots = 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <map>
 #include <optional>
 #include <string>
@@ -46,7 +47,18 @@ struct xpLpmTableContext {
   // One bit per available NHI tile; byte i counts only when bit i of the mask is set.
   std::array<U8, 8> nhiTileBitmap{};
   U8 nhiTileBitmapValidMask = 0;
+
+  // The tiles the bitmap marks in its valid bytes.
+  U32 nhiTiles() const {
+    U32 tiles = 0;
+    for (U32 i = 0; i < nhiTileBitmap.size(); ++i)
+      if ((nhiTileBitmapValidMask >> i) & 1) tiles += static_cast<U32>(std::popcount(nhiTileBitmap[i]));
+    return tiles;
+  }
 };
+
+// NHI entries in one tile of the chip's NHI table.
+inline constexpr U32 kNhiEntriesPerTile = 16384;
 
 struct xpNhTableContext {
   U32 rowBlkInc = 0;  // next-hop entries in the table

@@ -70,14 +70,14 @@ TEST(EntryCodecTest, PrefixEntriesDecodeBackToTheirPrefixes) {
         ASSERT_EQ(e.numSlots, slots);
         ASSERT_EQ(e.nhiTile, 2);
         ASSERT_EQ(e.nhiOffset, 500);
-        ASSERT_EQ(decodeBranch(e), root->branch(branchLen)) << "branchLen " << +branchLen;
+        ASSERT_EQ(XpLpm::entryBranch(e), root->branch(branchLen)) << "branchLen " << +branchLen;
         for (U32 s = 0; s < XpXdk::xpLpmPrefixEntry::kMaxSlots; ++s) {
           SCOPED_TRACE("slot " + std::to_string(s) + " stride " + std::to_string(stride));
           if (s >= slots || !expect[s]) {
             ASSERT_TRUE(e.slots[s].empty());
             continue;
           }
-          SubTrieBranch rebuilt = decodeBranch(e);
+          SubTrieBranch rebuilt = XpLpm::entryBranch(e);
           U64 lo = e.slots[s].leafVal, hi = e.slots[s].leafValHigh;
           ASSERT_EQ(combineBranchAndLeaf(rebuilt, branchLen, lo, hi), expect[s]->len());
           ASSERT_EQ(rebuilt, expect[s]->branch(expect[s]->len())) << expect[s]->stringValue();

@@ -205,7 +205,7 @@ class HitlessAudit {
     entryReads_[key].clear();
     std::vector<Route>& routes = entryRoutes_[key];
     routes.clear();
-    const XpLpm::SubTrieBranch branch = decodeBranch(e);
+    const XpLpm::SubTrieBranch branch = XpLpm::entryBranch(e);
     for (U32 s = 0; s < std::min<U32>(e.numSlots, XpXdk::xpLpmPrefixEntry::kMaxSlots); ++s) {
       if (e.slots[s].empty()) continue;
       const EntryKey nhi{v6, e.nhiTile, e.nhiOffset + s / pairs};
