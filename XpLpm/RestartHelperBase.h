@@ -16,7 +16,7 @@
 #include "XpLpm/NhiInfo.h"
 #include "XpLpm/Status.h"
 #include "platform/Ptr.h"
-#include "xdk/xpChip.h"
+#include "xdk/xpIpRouteLpmMgr.h"
 
 namespace XpLib {
 namespace XpLpm {

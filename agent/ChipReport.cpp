@@ -21,43 +21,57 @@ U32 usedSlots(const XpXdk::xpLpmPrefixEntry& e) {
   return n;
 }
 
-// The NHI block of every entry that holds prefixes, with how many entries point at it.
-std::map<Block, U32> referencedBlocks(const XpXdk::xpLpmMemory& lpm) {
-  std::map<Block, U32> blocks;
-  const U32 pairs = std::max<U32>(1, lpm.context().nhiPairPerEntry);
-  for (U32 t = 0; t < XpXdk::xpLpmTableContext::kPrefixTables; ++t) {
-    if (!lpm.context().prefixTableContext[t].valid) continue;
-    for (const auto& [position, e] : lpm.entries(t)) {
-      if (usedSlots(e) == 0) continue;
-      ++blocks[Block{e.nhiTile, e.nhiOffset, (e.numSlots + pairs - 1) / pairs}];
-    }
-  }
-  return blocks;
-}
-
 }  // namespace
 
-std::vector<TableFill> tableFill(const XpXdk::xpLpmMemory& lpm) {
-  std::vector<TableFill> out;
+ChipSurvey::ChipSurvey(ChipPort& chip, bool ipv6, const XpXdk::xpLpmTableContext& context) : context_(context) {
+  XpXdk::xpIpRouteLpmMgr& mgr = chip.lpmMgr(ipv6);
   for (U32 t = 0; t < XpXdk::xpLpmTableContext::kPrefixTables; ++t) {
-    const auto& c = lpm.context().prefixTableContext[t];
+    const auto& c = context.prefixTableContext[t];
     if (!c.valid) continue;
-    TableFill f{t, c.tread, c.depth, 0, 0};
-    for (const auto& [position, e] : lpm.entries(t)) {
-      const U32 used = usedSlots(e);
-      f.occupied += used > 0;
-      f.prefixes += used;
+    for (U32 position = 0; position < c.depth; ++position) {
+      XpXdk::xpLpmPrefixEntry e;
+      if (mgr.readPrefixEntry(0, t, position, &e, 0) != XpXdk::XP_NO_ERR || e.empty()) continue;
+      entries_.push_back(e);
+      tables_.push_back(t);
     }
-    out.push_back(f);
+  }
+}
+
+std::vector<TableFill> ChipSurvey::tableFill() const {
+  std::vector<TableFill> out;
+  std::map<U32, std::size_t> at;
+  for (U32 t = 0; t < XpXdk::xpLpmTableContext::kPrefixTables; ++t) {
+    const auto& c = context_.prefixTableContext[t];
+    if (!c.valid) continue;
+    at[t] = out.size();
+    out.push_back(TableFill{t, c.tread, c.depth, 0, 0});
+  }
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    TableFill& f = out[at.at(tables_[i])];
+    const U32 used = usedSlots(entries_[i]);
+    f.occupied += used > 0;
+    f.prefixes += used;
   }
   return out;
 }
 
-std::vector<NhiFill> nhiFill(const XpXdk::xpLpmMemory& lpm) {
+// The NHI block of every entry that holds prefixes, with how many entries point at it.
+static std::map<Block, U32> referencedBlocks(const std::vector<XpXdk::xpLpmPrefixEntry>& entries, U32 pairs) {
+  std::map<Block, U32> blocks;
+  for (const auto& e : entries) {
+    if (usedSlots(e) == 0) continue;
+    ++blocks[Block{e.nhiTile, e.nhiOffset, (e.numSlots + pairs - 1) / pairs}];
+  }
+  return blocks;
+}
+
+std::vector<NhiFill> ChipSurvey::nhiFill() const {
+  const U32 tiles = context_.nhiTiles();
+  const U32 perTile = tiles ? context_.nhiTableSize / tiles : 0;
   std::vector<NhiFill> out;
-  for (U32 t = 0; t < lpm.nhiTiles(); ++t) out.push_back(NhiFill{t, lpm.nhiEntriesPerTile(), 0});
-  std::vector<std::vector<bool>> used(lpm.nhiTiles(), std::vector<bool>(lpm.nhiEntriesPerTile()));
-  for (const auto& [b, refs] : referencedBlocks(lpm)) {
+  for (U32 t = 0; t < tiles; ++t) out.push_back(NhiFill{t, perTile, 0});
+  std::vector<std::vector<bool>> used(tiles, std::vector<bool>(perTile));
+  for (const auto& [b, refs] : referencedBlocks(entries_, std::max<U32>(1, context_.nhiPairPerEntry))) {
     if (b.tile >= used.size()) continue;
     for (U32 i = b.base; i < b.base + b.size && i < used[b.tile].size(); ++i) {
       out[b.tile].used += !used[b.tile][i];
@@ -67,9 +81,9 @@ std::vector<NhiFill> nhiFill(const XpXdk::xpLpmMemory& lpm) {
   return out;
 }
 
-NhiOverlapAudit auditNhiOverlaps(const XpXdk::xpLpmMemory& lpm) {
+NhiOverlapAudit ChipSurvey::nhiOverlaps() const {
   NhiOverlapAudit audit;
-  const std::map<Block, U32> blocks = referencedBlocks(lpm);
+  const std::map<Block, U32> blocks = referencedBlocks(entries_, std::max<U32>(1, context_.nhiPairPerEntry));
   audit.blocks = blocks.size();
   // Blocks come sorted by (tile, base, size): an overlap is a block starting
   // inside one that starts earlier (or at the same base with another size).

@@ -1,10 +1,10 @@
-// Reports on what the chip holds: fill of every prefix table and NHI tile, and
-// an audit of NHI blocks that overlap in the chip's own view.
+// Reports on what the chip holds, read through the chip port: fill of every prefix table and NHI
+// tile, and an audit of NHI blocks that overlap in the chip's own view.
 #pragma once
 
 #include <vector>
 
-#include "xdk/xpChip.h"
+#include "agent/ChipPort.h"
 
 namespace XpLib {
 namespace Agent {
@@ -31,9 +31,22 @@ struct NhiOverlapAudit {
   U64 overlappingPairs = 0;
 };
 
-std::vector<TableFill> tableFill(const XpXdk::xpLpmMemory& lpm);
-std::vector<NhiFill> nhiFill(const XpXdk::xpLpmMemory& lpm);
-NhiOverlapAudit auditNhiOverlaps(const XpXdk::xpLpmMemory& lpm);
+// Everything one family's prefix tables hold, read once; the reports are computed from it.
+class ChipSurvey {
+ public:
+  // `context` is the family's table context, which tells the tables and the NHI geometry.
+  ChipSurvey(ChipPort& chip, bool ipv6, const XpXdk::xpLpmTableContext& context);
+
+  std::vector<TableFill> tableFill() const;
+  std::vector<NhiFill> nhiFill() const;
+  NhiOverlapAudit nhiOverlaps() const;
+
+ private:
+  XpXdk::xpLpmTableContext context_;
+  // The non-empty entries by table and position, and the table of each.
+  std::vector<XpXdk::xpLpmPrefixEntry> entries_;
+  std::vector<U32> tables_;
+};
 
 }  // namespace Agent
 }  // namespace XpLib

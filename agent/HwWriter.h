@@ -25,7 +25,7 @@
 
 #include "XpLpm/Config.h"
 #include "XpLpm/Status.h"
-#include "xdk/xpChip.h"
+#include "xdk/xpIpRouteLpmMgr.h"
 
 namespace XpLib {
 namespace XpLpm {

@@ -12,6 +12,7 @@
 
 #include "XpLpmConfigurator/XpLpmConfigurator.h"
 #include "agent/AgentRestartHelper.h"
+#include "agent/SimulatedChip.h"
 
 namespace XpLib {
 namespace Agent {
@@ -85,20 +86,15 @@ std::vector<std::string> environmentProblems(const XpXdk::xpChipProfile& profile
 }
 
 XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, const AgentOptions& options)
-    : profile_(profile), options_(options) {
-  chip_ = std::make_shared<XpXdk::xpChip>(profile.ipv4, profile.ipv6, profile.nextHop);
-  configure();
-  startFamily(v4_, configV4_, "ipv4", false, false);
-  startFamily(v6_, configV6_, "ipv6", true, false);
-}
+    : XpLpmAgent(profile, std::make_shared<SimulatedChip>(profile), Start::cold, options) {}
 
-XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip,
+XpLpmAgent::XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<ChipPort> chip, Start start,
                        const AgentOptions& options)
     : profile_(profile), options_(options), chip_(std::move(chip)) {
   configure();
-  startFamily(v4_, configV4_, "ipv4", false, true);
-  startFamily(v6_, configV6_, "ipv6", true, true);
-  restoreGroups();
+  startFamily(v4_, configV4_, "ipv4", false, start == Start::warm);
+  startFamily(v6_, configV6_, "ipv6", true, start == Start::warm);
+  if (start == Start::warm) restoreGroups();
 }
 
 XpLpmAgent::~XpLpmAgent() = default;
@@ -122,16 +118,19 @@ void XpLpmAgent::configure() {
 void XpLpmAgent::checkGeometry() const {
   for (bool v6 : {false, true}) {
     const XpLpm::ConfigBase& cfg = v6 ? static_cast<const XpLpm::ConfigBase&>(*configV6_) : *configV4_;
-    const XpXdk::xpLpmMemory& lpm = chip_->lpm(v6);
+    const XpXdk::xpLpmTableContext& context = v6 ? profile_.ipv6 : profile_.ipv4;
     const std::string family = v6 ? "ipv6" : "ipv4";
-    if (cfg.nhiAvailableTiles() != lpm.nhiTiles() || cfg.nhiEntriesPerTile() != lpm.nhiEntriesPerTile()) {
-      throw AgentError(family + " NHI: the chip has " + std::to_string(lpm.nhiTiles()) + " tiles of " +
-                       std::to_string(lpm.nhiEntriesPerTile()) + " entries, the library was configured for " +
+    // The chip divides its NHI table evenly among the tiles its bitmap marks.
+    const U32 tiles = context.nhiTiles();
+    const U32 perTile = tiles ? context.nhiTableSize / tiles : 0;
+    if (cfg.nhiAvailableTiles() != tiles || cfg.nhiEntriesPerTile() != perTile) {
+      throw AgentError(family + " NHI: the chip has " + std::to_string(tiles) + " tiles of " +
+                       std::to_string(perTile) + " entries, the library was configured for " +
                        std::to_string(cfg.nhiAvailableTiles()) + " tiles of " +
                        std::to_string(cfg.nhiEntriesPerTile()) + " entries");
     }
     for (const auto& [id, table] : cfg.prefixTableConfigMap()) {
-      const XpXdk::xpPrefixTableContext& ctx = lpm.context().prefixTableContext[id.value()];
+      const XpXdk::xpPrefixTableContext& ctx = context.prefixTableContext[id.value()];
       if (ctx.depth != table->depth() || ctx.tread != table->tread()) {
         throw AgentError(family + " prefix table " + id.str() + ": the chip has " + std::to_string(ctx.depth) +
                          " entries at tread " + std::to_string(ctx.tread) + ", the library was configured for " +
@@ -641,11 +640,11 @@ U64 XpLpmAgent::routesWithoutGroupBlock() const {
 }
 
 XpXdk::xpLpmLookupResult XpLpmAgent::lookup(U32 vrf, U32 address) const {
-  return chip_->lpm(false).lookup(XpXdk::xpLpmKey::ipv4(vrf, address));
+  return chip_->lookup(XpXdk::xpLpmKey::ipv4(vrf, address));
 }
 
 XpXdk::xpLpmLookupResult XpLpmAgent::lookup(U32 vrf, const Ip6Prefix::Bytes& address) const {
-  return chip_->lpm(true).lookup(XpXdk::xpLpmKey::ipv6(vrf, address));
+  return chip_->lookup(XpXdk::xpLpmKey::ipv6(vrf, address));
 }
 
 }  // namespace Agent

@@ -44,7 +44,7 @@
 #include "XpLpmNextHop/XpLpmNextHop.h"
 #include "XpLpmNextHop/XpLpmNextHopSm.h"
 #include "agent/HwWriter.h"
-#include "xdk/xpChip.h"
+#include "agent/ChipPort.h"
 #include "xdk/xpChipProfiles.h"
 
 namespace XpLib {
@@ -141,19 +141,21 @@ class XpLpmAgent {
     U64 largestNhiBlock = 0;
   };
 
-  // A new chip of this profile, configured and started empty. Throws AgentError when the
-  // environment or the chip's geometry is not one the library can run with.
+  // A new simulated chip of this profile, configured and started empty. Throws AgentError when
+  // the environment or the chip's geometry is not one the library can run with.
   explicit XpLpmAgent(const XpXdk::xpChipProfile& profile, const AgentOptions& options = {});
-  // A warm restart over a chip that kept its memory: the model is rebuilt from it.
-  XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<XpXdk::xpChip> chip,
+  // Over a chip that reports this profile's table contexts: started empty (cold), or rebuilt
+  // from what the chip kept (a warm restart).
+  enum class Start { cold, warm };
+  XpLpmAgent(const XpXdk::xpChipProfile& profile, std::shared_ptr<ChipPort> chip, Start start,
              const AgentOptions& options = {});
   ~XpLpmAgent();
 
   const XpXdk::xpChipProfile& profile() const { return profile_; }
-  XpXdk::xpChip& chip() { return *chip_; }
-  const XpXdk::xpChip& chip() const { return *chip_; }
+  ChipPort& chip() { return *chip_; }
+  const ChipPort& chip() const { return *chip_; }
   // The chip, for a later agent to restart over.
-  const std::shared_ptr<XpXdk::xpChip>& sharedChip() const { return chip_; }
+  const std::shared_ptr<ChipPort>& sharedChip() const { return chip_; }
   Family& family(bool ipv6) { return ipv6 ? v6_ : v4_; }
   const Family& family(bool ipv6) const { return ipv6 ? v6_ : v4_; }
   const Ptr<XpLpmNextHop::Config>& nextHopConfig() const { return nhConfig_; }
@@ -293,7 +295,7 @@ class XpLpmAgent {
 
   XpXdk::xpChipProfile profile_;
   AgentOptions options_;
-  std::shared_ptr<XpXdk::xpChip> chip_;
+  std::shared_ptr<ChipPort> chip_;
   Ptr<XpSystem::SystemStatus> systemStatus_;
   Ptr<XpLpm::ConfigV4> configV4_;
   Ptr<XpLpm::ConfigV6> configV6_;

@@ -59,7 +59,7 @@ Session::Session(const XpXdk::xpChipProfile& profile, const RunOptions& options)
 
 void Session::program(const std::vector<Route>& routes) {
   agent_ = std::make_unique<XpLpmAgent>(profile_, XpLib::Agent::AgentOptions{.nextHopGroups = options_.nextHopGroups});
-  const std::size_t chipBefore = agent_->chip().lpm(false).prefixEntryBytes() + agent_->chip().lpm(true).prefixEntryBytes();
+  const std::size_t chipBefore = agent_->chip().storedBytes();
   const std::size_t heapStart = heapInUse();
   Progress bar(options_.progress, "programming", routes.size());
   const auto t0 = std::chrono::steady_clock::now();
@@ -68,7 +68,7 @@ void Session::program(const std::vector<Route>& routes) {
     bar.at(i);
   }
   figures_.programSeconds = since(t0);
-  const std::size_t chipAfter = agent_->chip().lpm(false).prefixEntryBytes() + agent_->chip().lpm(true).prefixEntryBytes();
+  const std::size_t chipAfter = agent_->chip().storedBytes();
   const std::size_t heapEnd = heapInUse();
   // The library's model: what programming added to the heap, less what the simulated chip stored.
   figures_.memoryBytes = heapEnd > heapStart + (chipAfter - chipBefore) ? heapEnd - heapStart - (chipAfter - chipBefore) : 0;
@@ -105,9 +105,10 @@ void Session::program(const std::vector<Route>& routes) {
 void Session::survey() {
   for (bool v6 : {false, true}) {
     FamilyFigures& f = figures_.family[v6];
-    f.tables = XpLib::Agent::tableFill(agent_->chip().lpm(v6));
-    f.nhi = XpLib::Agent::nhiFill(agent_->chip().lpm(v6));
-    f.overlaps = XpLib::Agent::auditNhiOverlaps(agent_->chip().lpm(v6));
+    const XpLib::Agent::ChipSurvey survey(agent_->chip(), v6, v6 ? profile_.ipv6 : profile_.ipv4);
+    f.tables = survey.tableFill();
+    f.nhi = survey.nhiFill();
+    f.overlaps = survey.nhiOverlaps();
   }
 }
 
@@ -132,7 +133,7 @@ void Session::verify(const std::vector<Route>& routes) {
     if (!want) {
       ok = !hit.hit;
     } else {
-      const XpXdk::xpNhEntry* e = agent_->chip().resolve(hit, selector);
+      const std::optional<XpXdk::xpNhEntry> e = agent_->chip().resolve(hit, selector);
       ok = hit.hit && hit.matchLength == want->len + 16u && hit.nextHopBlock.base == want->block.base().value() &&
            e && XpLpmAgent::groupOfEntry(*e) ==
                     agent_->nextHopSm()->baseIdxToSwId(XpLib::XpLpmNextHop::NextHopTableIdx(hit.nextHopBlock.base));

@@ -228,7 +228,7 @@ int cmdRestart(const Common& c) {
   for (bool v6 : {false, true}) before[v6] = XpLib::Agent::modelSnapshot(*s->agent().family(v6).sm);
   auto chip = s->agent().sharedChip();
   s->agentIs(nullptr);  // the old agent goes away; the chip keeps its memory
-  auto agent = std::make_unique<XpLib::Agent::XpLpmAgent>(s->profile(), chip, XpLib::Agent::AgentOptions{.nextHopGroups = c.groups});
+  auto agent = std::make_unique<XpLib::Agent::XpLpmAgent>(s->profile(), chip, XpLib::Agent::XpLpmAgent::Start::warm, XpLib::Agent::AgentOptions{.nextHopGroups = c.groups});
   const auto t0 = std::chrono::steady_clock::now();
   agent->reconcile(set.routes);
   const double reconcile = since(t0);

@@ -289,13 +289,13 @@ xpLpmLookupResult xpLpmMemory::lookup(const xpLpmKey& key) const {
   return best;
 }
 
-XP_STATUS xpIpRouteLpmMgr::readPrefixEntry(U32, U32 tableId, U32 offset, xpLpmPrefixEntry* entry, U32) {
+XP_STATUS xpSimLpmMgr::readPrefixEntry(U32, U32 tableId, U32 offset, xpLpmPrefixEntry* entry, U32) {
   ++reads_;
   if (auto status = injected(prefixReadFailures_, positionKey(tableId, offset))) return *status;
   return memory_->readPrefixEntry(tableId, offset, entry);
 }
 
-XP_STATUS xpIpRouteLpmMgr::writePrefixEntry(U32, U32 tableId, U32 offset, const xpLpmPrefixEntry* entry) {
+XP_STATUS xpSimLpmMgr::writePrefixEntry(U32, U32 tableId, U32 offset, const xpLpmPrefixEntry* entry) {
   ++writes_;
   if (!entry) return XP_ERR_INVALID_ARG;
   const XP_STATUS status = memory_->writePrefixEntry(tableId, offset, *entry);
@@ -304,13 +304,13 @@ XP_STATUS xpIpRouteLpmMgr::writePrefixEntry(U32, U32 tableId, U32 offset, const 
   return status;
 }
 
-XP_STATUS xpIpRouteLpmMgr::readNhiEntry(U32, U32 tile, U32 offset, xpLpmNhiEntry* entry, U32) {
+XP_STATUS xpSimLpmMgr::readNhiEntry(U32, U32 tile, U32 offset, xpLpmNhiEntry* entry, U32) {
   ++reads_;
   if (auto status = injected(nhiReadFailures_, positionKey(tile, offset))) return *status;
   return memory_->readNhiEntry(tile, offset, entry);
 }
 
-XP_STATUS xpIpRouteLpmMgr::writeNhiEntry(U32, U32 tile, U32 offset, const xpLpmNhiEntry* entry) {
+XP_STATUS xpSimLpmMgr::writeNhiEntry(U32, U32 tile, U32 offset, const xpLpmNhiEntry* entry) {
   ++writes_;
   if (!entry) return XP_ERR_INVALID_ARG;
   const XP_STATUS status = memory_->writeNhiEntry(tile, offset, *entry);
@@ -319,15 +319,15 @@ XP_STATUS xpIpRouteLpmMgr::writeNhiEntry(U32, U32 tile, U32 offset, const xpLpmN
   return status;
 }
 
-void xpIpRouteLpmMgr::failPrefixEntryReadIs(U32 tableId, U32 offset, XP_STATUS status) {
+void xpSimLpmMgr::failPrefixEntryReadIs(U32 tableId, U32 offset, XP_STATUS status) {
   prefixReadFailures_[positionKey(tableId, offset)] = status;
 }
 
-void xpIpRouteLpmMgr::failNhiEntryReadIs(U32 tile, U32 offset, XP_STATUS status) {
+void xpSimLpmMgr::failNhiEntryReadIs(U32 tile, U32 offset, XP_STATUS status) {
   nhiReadFailures_[positionKey(tile, offset)] = status;
 }
 
-std::optional<XP_STATUS> xpIpRouteLpmMgr::injected(std::unordered_map<U64, XP_STATUS>& failures, U64 key) {
+std::optional<XP_STATUS> xpSimLpmMgr::injected(std::unordered_map<U64, XP_STATUS>& failures, U64 key) {
   if (failures.empty()) return std::nullopt;
   auto it = failures.find(key);
   if (it == failures.end()) return std::nullopt;

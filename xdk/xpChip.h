@@ -15,31 +15,12 @@
 #include <vector>
 
 #include "xdk/xpHashFunction.h"
+#include "xdk/xpIpRouteLpmMgr.h"
+#include "xdk/xpLpmLookup.h"
 #include "xdk/xpLpmEntry.h"
 #include "xdk/xpTableContext.h"
 
 namespace XpXdk {
-
-// The 18 key bytes of a lookup: VRF high, VRF low, then the address in network order.
-struct xpLpmKey {
-  std::array<U8, kLpmKeyBytes> bytes{};
-  U32 keyLength = 48;  // 48 or kLpmKeyBits
-
-  static xpLpmKey ipv4(U32 vrf, U32 address);
-  static xpLpmKey ipv6(U32 vrf, const std::array<U8, 16>& address);
-  // Key bit i, 0 being the most significant bit of the VRF.
-  bool bit(U32 i) const { return (bytes[i / 8] >> (7 - i % 8)) & 1; }
-};
-
-// What the chip forwards a key to.
-struct xpLpmLookupResult {
-  bool hit = false;
-  U32 tableId = 0;
-  U32 position = 0;
-  U32 slot = 0;
-  U32 matchLength = 0;  // key bits of the matching prefix, VRF included
-  xpLpmNhiPair nextHopBlock;  // base and size of the next-hop block
-};
 
 // One write to the chip, as a write hook sees it.
 struct xpChipWrite {
@@ -89,16 +70,16 @@ class xpLpmMemory {
   std::vector<std::vector<xpLpmNhiEntry>> nhi_;
 };
 
-// The SDK's accessor of one LPM instance's tables. Device ids are ignored (one chip).
-// Reads can be told to fail, for tests of the readers' error handling.
-class xpIpRouteLpmMgr {
+// The SDK accessor over the simulated memory of one LPM instance. Device ids are ignored (one
+// chip). Reads can be told to fail, for tests of the readers' error handling.
+class xpSimLpmMgr final : public xpIpRouteLpmMgr {
  public:
-  explicit xpIpRouteLpmMgr(xpLpmMemory* memory) : memory_(memory) {}
+  explicit xpSimLpmMgr(xpLpmMemory* memory) : memory_(memory) {}
 
-  XP_STATUS readPrefixEntry(U32 devId, U32 tableId, U32 offset, xpLpmPrefixEntry* entry, U32 flags);
-  XP_STATUS writePrefixEntry(U32 devId, U32 tableId, U32 offset, const xpLpmPrefixEntry* entry);
-  XP_STATUS readNhiEntry(U32 devId, U32 tile, U32 offset, xpLpmNhiEntry* entry, U32 flags);
-  XP_STATUS writeNhiEntry(U32 devId, U32 tile, U32 offset, const xpLpmNhiEntry* entry);
+  XP_STATUS readPrefixEntry(U32 devId, U32 tableId, U32 offset, xpLpmPrefixEntry* entry, U32 flags) override;
+  XP_STATUS writePrefixEntry(U32 devId, U32 tableId, U32 offset, const xpLpmPrefixEntry* entry) override;
+  XP_STATUS readNhiEntry(U32 devId, U32 tile, U32 offset, xpLpmNhiEntry* entry, U32 flags) override;
+  XP_STATUS writeNhiEntry(U32 devId, U32 tile, U32 offset, const xpLpmNhiEntry* entry) override;
 
   // The next read of that prefix-table position (or NHI entry) returns `status`, once.
   void failPrefixEntryReadIs(U32 tableId, U32 offset, XP_STATUS status);
@@ -129,7 +110,7 @@ class xpChip {
 
   xpLpmMemory& lpm(bool ipv6) { return ipv6 ? *v6_ : *v4_; }
   const xpLpmMemory& lpm(bool ipv6) const { return ipv6 ? *v6_ : *v4_; }
-  xpIpRouteLpmMgr& lpmMgr(bool ipv6) { return ipv6 ? v6Mgr_ : v4Mgr_; }
+  xpSimLpmMgr& lpmMgr(bool ipv6) { return ipv6 ? v6Mgr_ : v4Mgr_; }
 
   U32 nextHopEntries() const { return static_cast<U32>(nh_.size()); }
   XP_STATUS readNextHop(U32 index, xpNhEntry* entry) const;
@@ -144,7 +125,7 @@ class xpChip {
 
  private:
   std::unique_ptr<xpLpmMemory> v4_, v6_;
-  xpIpRouteLpmMgr v4Mgr_, v6Mgr_;
+  xpSimLpmMgr v4Mgr_, v6Mgr_;
   std::vector<xpNhEntry> nh_;
   xpWriteHook afterWrite_;
 };

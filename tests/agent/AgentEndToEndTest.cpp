@@ -53,7 +53,57 @@ TEST(AgentEndToEndTest, EveryBuiltInProfileConfigures) {
   }
 }
 
-TEST(AgentEndToEndTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
+// Another chip port: every write counted, then passed to a simulated chip. The agent runs over
+// it exactly as over the simulation itself.
+class CountingChip final : public ChipPort {
+ public:
+  explicit CountingChip(const XpXdk::xpChipProfile& profile) : sim_(profile), v4_(*this, false), v6_(*this, true) {}
+
+  XpXdk::xpIpRouteLpmMgr& lpmMgr(bool ipv6) override { return ipv6 ? static_cast<Mgr&>(v6_) : v4_; }
+  U32 nextHopEntries() const override { return sim_.nextHopEntries(); }
+  XpXdk::XP_STATUS readNextHop(U32 index, XpXdk::xpNhEntry* entry) const override {
+    return sim_.readNextHop(index, entry);
+  }
+  XpXdk::XP_STATUS writeNextHop(U32 index, const XpXdk::xpNhEntry& entry) override {
+    ++writes;
+    return sim_.writeNextHop(index, entry);
+  }
+  XpXdk::xpLpmLookupResult lookup(const XpXdk::xpLpmKey& key) const override { return sim_.lookup(key); }
+
+  U64 writes = 0;
+
+ private:
+  class Mgr final : public XpXdk::xpIpRouteLpmMgr {
+   public:
+    Mgr(CountingChip& chip, bool ipv6) : chip_(chip), ipv6_(ipv6) {}
+    XpXdk::XP_STATUS readPrefixEntry(U32 d, U32 t, U32 o, XpXdk::xpLpmPrefixEntry* e, U32 f) override {
+      return inner().readPrefixEntry(d, t, o, e, f);
+    }
+    XpXdk::XP_STATUS writePrefixEntry(U32 d, U32 t, U32 o, const XpXdk::xpLpmPrefixEntry* e) override {
+      ++chip_.writes;
+      return inner().writePrefixEntry(d, t, o, e);
+    }
+    XpXdk::XP_STATUS readNhiEntry(U32 d, U32 t, U32 o, XpXdk::xpLpmNhiEntry* e, U32 f) override {
+      return inner().readNhiEntry(d, t, o, e, f);
+    }
+    XpXdk::XP_STATUS writeNhiEntry(U32 d, U32 t, U32 o, const XpXdk::xpLpmNhiEntry* e) override {
+      ++chip_.writes;
+      return inner().writeNhiEntry(d, t, o, e);
+    }
+
+   private:
+    XpXdk::xpIpRouteLpmMgr& inner() { return chip_.sim_.lpmMgr(ipv6_); }
+    CountingChip& chip_;
+    bool ipv6_;
+  };
+
+  SimulatedChip sim_;
+  Mgr v4_, v6_;
+};
+
+class AgentEndToEndOverPortsTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(AgentEndToEndOverPortsTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
   const unsigned seed = 20261122;
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 rng(seed);
@@ -61,7 +111,9 @@ TEST(AgentEndToEndTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
   // A next-hop table that 16 groups of up to 12 entries fill: resizes compact it.
   XpXdk::xpChipProfile profile = *XpXdk::findChipProfile("small");
   profile.nextHop.rowBlkInc = 128;
-  XpLpmAgent agent(profile, {.nextHopGroups = 16});
+  std::shared_ptr<ChipPort> chip = std::make_shared<SimulatedChip>(profile);
+  if (GetParam()) chip = std::make_shared<CountingChip>(profile);
+  XpLpmAgent agent(profile, chip, XpLpmAgent::Start::cold, {.nextHopGroups = 16});
   std::vector<Route> pool = clusteredRoutes(rng, 300, 300);
 
   U64 probes = 0, mismatches = 0, installs = 0;
@@ -99,7 +151,15 @@ TEST(AgentEndToEndTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
   EXPECT_GT(installs, 10000u);
   EXPECT_GT(agent.nextHopSm()->numNhBlockDefrag(), 0u);
   EXPECT_GT(agent.counters().routesRepointed, 1000u);
+  if (auto* counting = dynamic_cast<CountingChip*>(chip.get())) {
+    EXPECT_EQ(counting->writes, agent.family(false).writer->counters().writes() +
+                                    agent.family(true).writer->counters().writes() +
+                                    agent.counters().nextHopWrites + agent.counters().nextHopCopies);
+  }
 }
+
+INSTANTIATE_TEST_SUITE_P(Ports, AgentEndToEndOverPortsTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "counting" : "simulated"; });
 
 }  // namespace
 }  // namespace Agent

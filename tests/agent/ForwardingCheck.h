@@ -7,11 +7,17 @@
 #include <random>
 
 #include "agent/ReferenceLpm.h"
+#include "agent/SimulatedChip.h"
 #include "agent/XpLpmAgent.h"
 
 namespace XpLib {
 namespace Agent {
 namespace test {
+
+// The simulation behind an agent's chip port, for what only a simulation offers.
+inline std::shared_ptr<SimulatedChip> simOf(const XpLpmAgent& agent) {
+  return std::dynamic_pointer_cast<SimulatedChip>(agent.sharedChip());
+}
 
 struct ProbeCounts {
   U64 probes = 0;
@@ -43,7 +49,7 @@ inline bool sameAnswer(const XpLpmAgent& agent, const XpXdk::xpLpmLookupResult& 
   if (!chip.hit || chip.matchLength != ref->len + 16u || chip.nextHopBlock.base != ref->block.base().value() ||
       chip.nextHopBlock.size != ref->block.size().value())
     return false;
-  const XpXdk::xpNhEntry* entry = agent.chip().resolve(chip, selector);
+  const std::optional<XpXdk::xpNhEntry> entry = agent.chip().resolve(chip, selector);
   const SwId owner = agent.nextHopSm()->baseIdxToSwId(XpLpmNextHop::NextHopTableIdx(chip.nextHopBlock.base));
   return entry && owner != SwId() && agent.groupBlock(owner) == ref->block &&
          XpLpmAgent::groupOfEntry(*entry) == owner && XpLpmAgent::memberOfEntry(*entry) == selector % chip.nextHopBlock.size;

@@ -29,23 +29,23 @@ class HitlessAudit {
   };
 
   HitlessAudit(XpLpmAgent& agent, unsigned seed, U32 sampled = 64) : rng_(seed), sampled_(sampled) { agentIs(agent); }
-  ~HitlessAudit() { chip_->afterWriteIs(nullptr); }
+  ~HitlessAudit() { chip_->sim().afterWriteIs(nullptr); }
   HitlessAudit(const HitlessAudit&) = delete;
   HitlessAudit& operator=(const HitlessAudit&) = delete;
 
   // Audits another agent over the same chip, after a warm restart; the one before may be gone.
   void agentIs(XpLpmAgent& agent) {
     agent_ = &agent;
-    chip_ = agent.sharedChip();
+    chip_ = simOf(agent);
     entryRoutes_.clear();
     nhiReaders_.clear();
     entryReads_.clear();
     for (bool v6 : {false, true}) {
-      const XpXdk::xpLpmMemory& lpm = agent.chip().lpm(v6);
+      const XpXdk::xpLpmMemory& lpm = chip_->sim().lpm(v6);
       for (U32 t = 0; t < XpXdk::xpLpmTableContext::kPrefixTables; ++t)
         for (const auto& [pos, e] : lpm.entries(t)) entryIs(v6, t, pos, e);
     }
-    chip_->afterWriteIs([this](const XpXdk::xpChipWrite& w) { onWrite(w); });
+    chip_->sim().afterWriteIs([this](const XpXdk::xpChipWrite& w) { onWrite(w); });
   }
 
   // Runs one operation under audit; `kind` labels its writes in the counts.
@@ -142,7 +142,7 @@ class HitlessAudit {
     const XpXdk::xpLpmLookupResult hit = v6 ? agent_->lookup(vrf, a6) : agent_->lookup(vrf, a4);
     if (!hit.hit) return {};
     const U64 selector = v6 ? a6[15] : a4;
-    const XpXdk::xpNhEntry* e = agent_->chip().resolve(hit, selector);
+    const std::optional<XpXdk::xpNhEntry> e = agent_->chip().resolve(hit, selector);
     if (!e || !(e->data & XpLpmAgent::kGroupEntryValid)) return Answer{true, hit.matchLength, ~U64(0), false};
     return Answer{true, hit.matchLength, XpLpmAgent::groupOfEntry(*e).value(),
                   XpLpmAgent::memberOfEntry(*e) == selector % hit.nextHopBlock.size};
@@ -231,7 +231,7 @@ class HitlessAudit {
   }
 
   XpLpmAgent* agent_ = nullptr;
-  std::shared_ptr<XpXdk::xpChip> chip_;
+  std::shared_ptr<SimulatedChip> chip_;
   std::mt19937_64 rng_;
   U32 sampled_;
   std::string kind_;

@@ -107,11 +107,11 @@ TEST(HitlessAuditTest, NoUntouchedRouteEverForwardsElsewhere) {
   const U64 groupMoves = agent->counters().shuffles;
 
   // The agent goes away; a new one starts over the chip it leaves, then the churn goes on.
-  const std::shared_ptr<XpXdk::xpChip> chip = agent->sharedChip();
+  const std::shared_ptr<ChipPort> chip = agent->sharedChip();
   std::vector<std::pair<SwId, Nway>> widths;
   for (const auto& [group, block] : agent->nextHopStatus()->swIdToNextHopBlockMap()) widths.push_back({group, block.size()});
   agent.reset();
-  auto restarted = std::make_unique<XpLpmAgent>(profile, chip, AgentOptions{.nextHopGroups = kGroups});
+  auto restarted = std::make_unique<XpLpmAgent>(profile, chip, XpLpmAgent::Start::warm, AgentOptions{.nextHopGroups = kGroups});
   audit.agentIs(*restarted);
   audit.operation("restart reconcile", [&] { restarted->reconcile(pool, widths); });
   for (int op = 0; op < 1000; ++op) churn(*restarted, audit, pool, rng, "warm");

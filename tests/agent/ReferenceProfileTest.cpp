@@ -67,18 +67,18 @@ TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
   const double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 
   for (bool f : {false, true}) {
-    const auto& lpm = agent.chip().lpm(f);
     const auto& w = agent.family(f).writer->counters();
-    const NhiOverlapAudit audit = auditNhiOverlaps(lpm);
+    const ChipSurvey survey(agent.chip(), f, f ? agent.profile().ipv6 : agent.profile().ipv4);
+    const NhiOverlapAudit audit = survey.nhiOverlaps();
     EXPECT_EQ(w.errors, 0u);
     std::printf("[ %s ] routes %zu installed %u writes %llu skipped %llu nhi blocks %llu shared %llu overlaps %llu\n",
                 f ? "ipv6" : "ipv4", xplpm_test::realRoutes(f).size(), agent.family(f).sm->prefixToSubTries(),
                 (unsigned long long)w.writes(), (unsigned long long)w.skipped(), (unsigned long long)audit.blocks,
                 (unsigned long long)audit.sharedBlocks, (unsigned long long)audit.overlappingPairs);
-    for (const TableFill& t : tableFill(lpm))
+    for (const TableFill& t : survey.tableFill())
       std::printf("  table %2u tread %3u depth %6u occupied %6u (%5.1f%%) prefixes %7llu\n", t.tableId, t.tread,
                   t.depth, t.occupied, 100.0 * t.occupied / t.depth, (unsigned long long)t.prefixes);
-    for (const NhiFill& n : nhiFill(lpm))
+    for (const NhiFill& n : survey.nhiFill())
       std::printf("  nhi tile %u used %u of %u (%5.1f%%)\n", n.tile, n.used, n.entries, 100.0 * n.used / n.entries);
   }
   std::printf("[ time ] programmed in %.2f s, %llu probes, %.2f s in all\n", programmed,
@@ -92,9 +92,9 @@ TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
     before[f] = modelSnapshot(*agent.family(f).sm);
     misfiled[f] = misfiledNhiBlocks(*agent.family(f).sm);
   }
-  std::shared_ptr<XpXdk::xpChip> chip = agent.sharedChip();
+  std::shared_ptr<ChipPort> chip = agent.sharedChip();
   first.reset();
-  XpLpmAgent second(*XpXdk::findChipProfile("reference"), chip);
+  XpLpmAgent second(*XpXdk::findChipProfile("reference"), chip, XpLpmAgent::Start::warm);
   std::vector<Route> wanted = xplpm_test::realRoutes(false);
   wanted.insert(wanted.end(), xplpm_test::realRoutes(true).begin(), xplpm_test::realRoutes(true).end());
   const auto t1 = std::chrono::steady_clock::now();

@@ -14,6 +14,7 @@
 #include "XpLpmConfigurator/XpLpmConfigurator.h"
 #include "agent/AgentRestartHelper.h"
 #include "agent/ChipReport.h"
+#include "agent/SimulatedChip.h"
 #include "agent/XpLpmAgent.h"
 #include "platform/Trace.h"
 
@@ -53,7 +54,7 @@ const std::vector<Route> kRoutes = {
 // The routes programmed into a chip, with where each one went; the entry corrupted
 // (the victim) holds several routes and has free positions on both sides in its table.
 struct FirstRun {
-  std::shared_ptr<XpXdk::xpChip> chip;
+  std::shared_ptr<SimulatedChip> chip;
   std::vector<NextHopBlock> block;
   std::vector<bool> inVictim, inVictimSlot0;
   U32 table = 0, index = 0, below = 0, above = 0;
@@ -64,7 +65,7 @@ struct FirstRun {
     const auto& sm = *agent.family(false).sm;
     bool found = false;
     for (const auto& [id, t] : sm.prefixTableMap()) {
-      const auto& held = agent.chip().lpm(false).entries(id.value());
+      const auto& held = test::simOf(agent)->sim().lpm(false).entries(id.value());
       for (const auto& [idx, st] : t->subTrieMap()) {
         if (found || st->numPrefixes() < 2) continue;
         U32 lo = idx.value(), hi = idx.value();
@@ -84,7 +85,7 @@ struct FirstRun {
       inVictim.push_back(here);
       inVictimSlot0.push_back(here && st->prefixToSlot(agent.findPrefix(r)) == 0);
     }
-    chip = agent.sharedChip();
+    chip = test::simOf(agent);
   }
   xpLpmPrefixEntry read(U32 offset) const {
     xpLpmPrefixEntry e;
@@ -147,7 +148,7 @@ TEST(RestartRecoveryTest, EachInvalidEntryLosesOnlyItsRoutesAndIsCleared) {
     first.write(at, e);
 
     xplpm_test::TraceCapture trace(5);
-    XpLpmAgent second(small(), first.chip, {.nextHopGroups = 40});
+    XpLpmAgent second(small(), first.chip, XpLpmAgent::Start::warm, {.nextHopGroups = 40});
     EXPECT_EQ(reasons(trace), c.reason.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.reason});
     if (!c.trace.empty()) {
       EXPECT_EQ(trace.count(c.trace), 1);
@@ -224,13 +225,13 @@ TEST(RestartRecoveryTest, CorruptFieldsNeverStopTheAgent) {
   };
   for (const Corruption& c : cases) {
     SCOPED_TRACE(c.name);
-    std::shared_ptr<XpXdk::xpChip> chip;
+    std::shared_ptr<SimulatedChip> chip;
     {
       XpLpmAgent agent(small(), {.nextHopGroups = 40});
       for (const Route& r : routes) ASSERT_TRUE(agent.routeIs(r).installed()) << r.prefixStr();
-      chip = agent.sharedChip();
+      chip = test::simOf(agent);
     }
-    const XpXdk::xpLpmMemory& lpm = chip->lpm(c.ipv6);
+    const XpXdk::xpLpmMemory& lpm = chip->sim().lpm(c.ipv6);
     XpXdk::xpIpRouteLpmMgr& mgr = chip->lpmMgr(c.ipv6);
     // The victim: the entry with the most routes; `other` any other entry.
     U32 table = 0, index = 0, most = 0;
@@ -265,14 +266,15 @@ TEST(RestartRecoveryTest, CorruptFieldsNeverStopTheAgent) {
       }
     }
 
-    XpLpmAgent second(small(), chip, {.nextHopGroups = 40});
+    XpLpmAgent second(small(), chip, XpLpmAgent::Start::warm, {.nextHopGroups = 40});
     for (bool v6 : {false, true}) second.family(v6).sm->verify();
     second.nextHopSm()->verify();
     second.reconcile(routes);
     for (const Route& r : routes) EXPECT_TRUE(second.installed(r)) << r.prefixStr();
     std::mt19937_64 probeRng(7);
     EXPECT_EQ(test::probeInstalled(second, probeRng).mismatches, 0u);
-    for (bool v6 : {false, true}) EXPECT_EQ(auditNhiOverlaps(chip->lpm(v6)).overlappingPairs, 0u);
+    for (bool v6 : {false, true})
+      EXPECT_EQ(ChipSurvey(*chip, v6, v6 ? small().ipv6 : small().ipv4).nhiOverlaps().overlappingPairs, 0u);
   }
 }
 
@@ -302,9 +304,9 @@ TEST(RestartRecoveryTest, RemoveStaleClearsTheInvalidEntryOnly) {
   xpLpmPrefixEntry e = first.read(first.index);
   e.mode = 2;
   first.write(first.index, e);
-  const U32 occupied = first.chip->lpm(false).occupied(first.table);
+  const U32 occupied = first.chip->sim().lpm(false).occupied(first.table);
 
-  Recovery r(*first.chip, false);
+  Recovery r(first.chip->sim(), false);
   xplpm_test::TraceCapture trace(5);
   r.sm->initializedIs(false);  // as inside the machine's start: recovered requests are not handled yet
   EXPECT_EQ(r.helper->doRestart(true, r.sm.ptr()), 0);
@@ -313,7 +315,7 @@ TEST(RestartRecoveryTest, RemoveStaleClearsTheInvalidEntryOnly) {
   EXPECT_EQ(r.helper->counts().entriesInvalid, 1u);
   EXPECT_EQ(r.helper->counts().entriesCleared, 1u);
   EXPECT_TRUE(first.read(first.index).empty());
-  EXPECT_EQ(first.chip->lpm(false).occupied(first.table), occupied - 1);
+  EXPECT_EQ(first.chip->sim().lpm(false).occupied(first.table), occupied - 1);
   U64 victims = 0;
   for (bool v : first.inVictim) victims += v;
   EXPECT_EQ(r.sm->prefixToSubTries(), kRoutes.size() - victims);
@@ -324,10 +326,10 @@ TEST(RestartRecoveryTest, ReadOutOfRangeSkipsTheEntrySilently) {
   FirstRun first;
   U32 occupied = 0;
   for (U32 t = 0; t < XpXdk::xpLpmTableContext::kPrefixTables; ++t)
-    if (small().ipv4.prefixTableContext[t].valid) occupied += first.chip->lpm(false).occupied(t);
-  first.chip->lpmMgr(false).failPrefixEntryReadIs(first.table, first.index, XpXdk::XP_ERR_OUT_OF_RANGE);
+    if (small().ipv4.prefixTableContext[t].valid) occupied += first.chip->sim().lpm(false).occupied(t);
+  first.chip->sim().lpmMgr(false).failPrefixEntryReadIs(first.table, first.index, XpXdk::XP_ERR_OUT_OF_RANGE);
   xplpm_test::TraceCapture trace(5);
-  Recovery r(*first.chip, true);
+  Recovery r(first.chip->sim(), true);
   const U64 entries = small().prefixTableEntries(false);
   EXPECT_EQ(r.helper->counts().entriesRead, entries - 1);
   EXPECT_EQ(trace.count(" empty prefix entry"), static_cast<int>(entries - occupied));
@@ -339,9 +341,9 @@ TEST(RestartRecoveryTest, ReadOutOfRangeSkipsTheEntrySilently) {
 }
 
 TEST(RestartRecoveryTest, AllZeroChipRecoversNothing) {
-  std::shared_ptr<XpXdk::xpChip> chip = XpLpmAgent(small()).sharedChip();
+  std::shared_ptr<ChipPort> chip = XpLpmAgent(small()).sharedChip();
   xplpm_test::TraceCapture trace(5);
-  XpLpmAgent second(small(), chip);
+  XpLpmAgent second(small(), chip, XpLpmAgent::Start::warm);
   EXPECT_EQ(trace.count(" empty prefix entry"),
             static_cast<int>(small().prefixTableEntries(false) + small().prefixTableEntries(true)));
   EXPECT_EQ(trace.count(" reason "), 0);
@@ -366,26 +368,26 @@ TEST(RestartRecoveryDeathTest, FailuresThatStopTheRecovery) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   {
     FirstRun first;
-    first.chip->lpmMgr(false).failPrefixEntryReadIs(first.table, first.index, XpXdk::XP_ERR_INVALID_DATA);
-    EXPECT_DEATH({ Recovery r(*first.chip, true); }, literally("ret == XP_NO_ERR"));
+    first.chip->sim().lpmMgr(false).failPrefixEntryReadIs(first.table, first.index, XpXdk::XP_ERR_INVALID_DATA);
+    EXPECT_DEATH({ Recovery r(first.chip->sim(), true); }, literally("ret == XP_NO_ERR"));
   }
   {
     FirstRun first;
     const xpLpmPrefixEntry e = first.read(first.index);
-    first.chip->lpmMgr(false).failNhiEntryReadIs(e.nhiTile, e.nhiOffset, XpXdk::XP_ERR_OUT_OF_RANGE);
+    first.chip->sim().lpmMgr(false).failNhiEntryReadIs(e.nhiTile, e.nhiOffset, XpXdk::XP_ERR_OUT_OF_RANGE);
     const std::string call = "((xdkLpmMgr()->readNhiEntry( 0, nhiBaseIdx.tile().value(), nhiBaseIdx.offset() + i, "
                              "&xpNhiEntry, 0 ))) API ERROR 11";
-    EXPECT_DEATH({ Recovery r(*first.chip, true); },
+    EXPECT_DEATH({ Recovery r(first.chip->sim(), true); },
                  "RestartHelperBase\\.cpp:[0-9]+: " + literally(call) + "(.|\n)*" + literally("!(true)"));
   }
   {
     FirstRun first;
     // The test mode recovers a sound chip, and stops at the first entry it cannot.
-    EXPECT_EQ(Recovery(*first.chip, true, XpLpm::modeRestartTest).sm->prefixToSubTries(), kRoutes.size());
+    EXPECT_EQ(Recovery(first.chip->sim(), true, XpLpm::modeRestartTest).sm->prefixToSubTries(), kRoutes.size());
     xpLpmPrefixEntry e = first.read(first.index);
     e.stride = 0;
     first.write(first.index, e);
-    EXPECT_DEATH({ Recovery r(*first.chip, true, XpLpm::modeRestartTest); },
+    EXPECT_DEATH({ Recovery r(first.chip->sim(), true, XpLpm::modeRestartTest); },
                  literally("0 && \"Recovering prefix entry failed\""));
   }
 }

@@ -49,7 +49,7 @@ TEST(RestartTest, UnchangedIntentRebuildsTheSameModelAndWritesNothing) {
   std::set<std::string> keys;
   const std::vector<Route> wanted = randomRoutes(rng, 200, keys);
   std::string before[2];
-  std::shared_ptr<XpXdk::xpChip> chip;
+  std::shared_ptr<ChipPort> chip;
   {
     XpLpmAgent first(profile, {.nextHopGroups = 40});
     for (const Route& r : wanted) first.routeIs(r);
@@ -67,7 +67,7 @@ TEST(RestartTest, UnchangedIntentRebuildsTheSameModelAndWritesNothing) {
     for (bool v6 : {false, true}) before[v6] = modelSnapshot(*first.family(v6).sm);
     chip = first.sharedChip();
   }
-  XpLpmAgent second(profile, chip, {.nextHopGroups = 40});
+  XpLpmAgent second(profile, chip, XpLpmAgent::Start::warm, {.nextHopGroups = 40});
   for (bool v6 : {false, true}) {
     const std::string after = modelSnapshot(*second.family(v6).sm);
     EXPECT_TRUE(after == before[v6]) << (v6 ? "ipv6" : "ipv4") << "\n" << snapshotDiff(before[v6], after);
@@ -86,7 +86,7 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   const auto& profile = *XpXdk::findChipProfile("small");
   std::set<std::string> keys;
   std::vector<Route> wanted = randomRoutes(rng, 200, keys);
-  std::shared_ptr<XpXdk::xpChip> chip;
+  std::shared_ptr<ChipPort> chip;
   {
     XpLpmAgent first(profile, {.nextHopGroups = 40});
     for (const Route& r : wanted) first.routeIs(r);
@@ -102,7 +102,7 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   }
   for (const Route& r : randomRoutes(rng, 30, keys)) next.push_back(r);
 
-  XpLpmAgent restarted(profile, chip, {.nextHopGroups = 40});
+  XpLpmAgent restarted(profile, chip, XpLpmAgent::Start::warm, {.nextHopGroups = 40});
   const auto report = restarted.reconcile(next);
   EXPECT_GT(report.withdrawn, 0u);
   EXPECT_GT(report.changed, 0u);
@@ -118,7 +118,7 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
     } else {
       hit = a.lookup(r.vrf, last ? r.v4.address() | ~Prefix::mask(r.v4.len()) : r.v4.address());
     }
-    const XpXdk::xpNhEntry* e = a.chip().resolve(hit, 0);
+    const std::optional<XpXdk::xpNhEntry> e = a.chip().resolve(hit, 0);
     if (!e) return std::nullopt;
     return XpLpmAgent::groupOfEntry(*e).value();
   };
@@ -167,7 +167,7 @@ TEST(RestartTest, ChangesAfterAWarmRestartOnEightTilesForwardExactly) {
         wanted = randomRoutes(rng, 2 * c.routes, keys);
       }
       const AgentOptions options{.nextHopGroups = 40, .nhiOwnTileFiling = c.ownTile};
-      std::shared_ptr<XpXdk::xpChip> chip;
+      std::shared_ptr<ChipPort> chip;
       {
         XpLpmAgent first(profile, options);
         for (const Route& r : wanted) first.routeIs(r);
@@ -175,7 +175,7 @@ TEST(RestartTest, ChangesAfterAWarmRestartOnEightTilesForwardExactly) {
       }
       // A new process: the tile rotation starts afresh.
       XpLpm::LpmSm::lastNhiTileIs(255);
-      XpLpmAgent second(profile, chip, options);
+      XpLpmAgent second(profile, chip, XpLpmAgent::Start::warm, options);
       second.reconcile(wanted);
       for (int i = 0; i < c.changes; ++i) {
         Route& r = c.routes == 0 ? wanted.front() : wanted[rng() % wanted.size()];

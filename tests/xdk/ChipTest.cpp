@@ -329,7 +329,7 @@ TEST(ChipMemory, OutOfRangeAccessesReturn11) {
 
 TEST(ChipMemory, ManagerCountsFailsOnceAndFreesZeroedPositions) {
   xpChip chip(kV4, kV6, xpNhTableContext{8});
-  xpIpRouteLpmMgr& mgr = chip.lpmMgr(true);
+  xpSimLpmMgr& mgr = chip.lpmMgr(true);
   xpLpmPrefixEntry written = encodeEntry(kKey, 30, 1);
   ASSERT_EQ(mgr.writePrefixEntry(0, 4, 5, &written), XP_NO_ERR);
   ASSERT_EQ(mgr.writePrefixEntry(0, 4, 6, &written), XP_NO_ERR);
