@@ -17,7 +17,7 @@ namespace {
 std::size_t printableUtf8(std::string_view s) {
   const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
   const unsigned char c = b(0);
-  const std::size_t n = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
+  const std::size_t n = c > 0xF4 ? 0 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
   if (n == 0 || s.size() < n) return 0;
   for (std::size_t i = 1; i < n; ++i)
     if ((b(i) & 0xC0) != 0x80) return 0;

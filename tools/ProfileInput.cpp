@@ -126,7 +126,8 @@ std::string join(std::initializer_list<const char*> keys) {
 // A JSON object at `path`, with only the keys given.
 void expectObject(const json& j, const std::string& path, std::initializer_list<const char*> keys) {
   if (!j.is_object()) throw Bad{path, "is " + describe(j) + ", expected an object"};
-  for (const auto& [k, v] : j.items()) {
+  for (const auto& item : j.items()) {
+    const std::string& k = item.key();
     if (std::none_of(keys.begin(), keys.end(), [&](const char* known) { return k == known; }))
       throw Bad{(path.empty() ? "" : path + ".") + k, "unknown field (expected " + join(keys) + ")"};
   }

@@ -72,6 +72,7 @@ TEST(ToolInputTest, EscapedTextIsPrintable) {
       {"caf\xC3\xA9 \xE2\x82\xAC", "caf\xC3\xA9 \xE2\x82\xAC"},                  // UTF-8 stays
       {"\xC2\x9B" "1m \xC3 \xED\xA0\x80", "\\xc2\\x9b1m \\xc3 \\xed\\xa0\\x80"},  // C1 control, cut, surrogate
       {"\\x41", "\\\\x41"},                                                    // no forged escapes
+      {"\xF8\x88\x80", "\\xf8\\x88\\x80"},                                     // no lead byte above F4
   };
   for (const Case& c : cases) {
     EXPECT_EQ(escaped(c.in), c.out);
