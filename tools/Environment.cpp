@@ -1,6 +1,7 @@
 // Checking the library's environment variables and matching the simulated chip to them.
 #include "Environment.h"
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cstdlib>

@@ -5,7 +5,6 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 
 #include "XpLpm/Config.h"
 #include "XpLpm/PrefixTable.h"

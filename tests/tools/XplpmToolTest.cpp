@@ -95,6 +95,8 @@ TEST(XplpmToolTest, RunAccountsForEveryLineAndVerifies) {
   EXPECT_EQ(j["verify"]["mismatches"], 0);
   EXPECT_EQ(j["hardware"]["errors"], 0);
   EXPECT_EQ(j["nhi"]["overlaps"], 0);
+  EXPECT_GT(j["nhi"]["reserve"]["ipv4"]["entries"].get<long>(), 0);
+  EXPECT_GE(j["nhi"]["reserve"]["ipv4"]["free"].get<long>(), j["nhi"]["reserve"]["ipv4"]["entries"].get<long>());
   unsigned long long prefixes = 0;
   for (const auto& t : j["tables"]) prefixes += t["prefixes"].get<unsigned long long>();
   EXPECT_EQ(prefixes, 4u);
@@ -171,6 +173,7 @@ TEST(XplpmToolTest, ExitStatusTellsWhatHappened) {
     Result r = run(c.args);
     EXPECT_EQ(r.status, c.status) << r.out.substr(r.out.size() > 400 ? r.out.size() - 400 : 0) << r.err;
     if (c.status != 2) {
+      EXPECT_EQ(r.out.rfind("xplpm " + c.args.substr(0, c.args.find(' ')) + ":", 0), 0u) << r.out.substr(0, 80);
       EXPECT_NE(r.out.find("result     exit " + std::to_string(c.status)), std::string::npos);
     }
   }
