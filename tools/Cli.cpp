@@ -11,7 +11,7 @@ const char* const kExitStatusHelp =
     "  1  verification found a mismatch, the chip refused a write, or a warm restart did not\n"
     "     rebuild the model it had\n"
     "  2  bad input: a route file, option, profile or environment variable (nothing is programmed)\n"
-    "  3  some routes were not placed (0 instead with --allow-failed; the report says which and why)";
+    "  3  some routes were not placed (0 instead with --allow-failed; the report says which and why)\n";
 
 namespace {
 

@@ -198,14 +198,15 @@ RouteSet readRoutes(const std::string& path, FamilyFilter family, bool skipBad) 
   while (going && (n = gzread(f, buf, sizeof buf)) > 0) going = lines.feed(std::string_view(buf, static_cast<std::size_t>(n)));
   int err = Z_OK;
   const char* msg = gzerror(f, &err);
-  std::string failure;
+  std::string where = set.source, failure;
   if (n < 0 && err == Z_ERRNO) {
     failure = std::string("cannot read the file: ") + std::strerror(errno);
   } else if (n < 0 || (err != Z_OK && err != Z_STREAM_END)) {
+    where += std::string(":") + std::to_string(set.lines + 1);
     failure = std::string("truncated or corrupt gzip stream (") + msg + ")";
   }
   gzclose(f);
-  if (!failure.empty()) badInput(set.source + std::string(":") + std::to_string(set.lines + 1), failure);
+  if (!failure.empty()) badInput(where, failure);
   if (going) lines.finish();
   return set;
 }
