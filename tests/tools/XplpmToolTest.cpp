@@ -18,9 +18,14 @@ struct Result {
   std::string out, err;
 };
 
+// A scratch file of the running test: CTest runs the tests of this binary side by side.
+std::string scratch(const std::string& name) {
+  return ::testing::TempDir() + ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" + name;
+}
+
 // Runs `env ENV xplpm ARGS`; standard error goes to a file that is read back.
 Result run(const std::string& args, const std::string& env = "") {
-  const std::string errFile = ::testing::TempDir() + "xplpm_stderr.txt";
+  const std::string errFile = scratch("stderr.txt");
   const std::string cmd = "env " + env + " " + std::string(XPLPM_TOOL) + " " + args + " 2>" + errFile;
   Result r;
   FILE* p = popen(cmd.c_str(), "r");
@@ -40,13 +45,13 @@ json jsonOf(const Result& r) {
 }
 
 std::string writeFile(const std::string& name, const std::string& text) {
-  const std::string path = ::testing::TempDir() + name;
+  const std::string path = scratch(name);
   std::ofstream(path, std::ios::binary) << text;
   return path;
 }
 
 std::string writeGz(const std::string& name, const std::string& text, std::size_t keep = std::string::npos) {
-  const std::string path = ::testing::TempDir() + name;
+  const std::string path = scratch(name);
   gzFile f = gzopen(path.c_str(), "wb");
   gzwrite(f, text.data(), static_cast<unsigned>(text.size()));
   gzclose(f);
@@ -205,7 +210,7 @@ TEST(XplpmToolTest, ShowAndProfileCommands) {
   std::size_t groups = 0;
   for (std::size_t at = 0; (at = nh.out.find(" group ", at)) != std::string::npos; ++at) ++groups;
   EXPECT_EQ(groups, 5u) << nh.out;
-  const std::string svg = ::testing::TempDir() + "fill.svg";
+  const std::string svg = scratch("fill.svg");
   ASSERT_EQ(run("show fill --svg " + svg + " --profile small --routes " + file).status, 0);
   std::ifstream in(svg);
   const std::string text((std::istreambuf_iterator<char>(in)), {});
