@@ -20,5 +20,10 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/xplpmConfigVersion.cmake 
 install(FILES ${PROJECT_BINARY_DIR}/xplpmConfig.cmake ${PROJECT_BINARY_DIR}/xplpmConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/xplpm)
 
+# The pkg-config file finds the prefix from its own place: lib/pkgconfig -> ../..
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  message(FATAL_ERROR "xplpm.pc needs a relative CMAKE_INSTALL_LIBDIR, not ${CMAKE_INSTALL_LIBDIR}")
+endif()
+file(RELATIVE_PATH XPLPM_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/xplpm.pc.in ${PROJECT_BINARY_DIR}/xplpm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/xplpm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -8,6 +8,7 @@
 #include <random>
 #include <unordered_map>
 
+#include "Errors.h"
 #include "agent/ReferenceLpm.h"
 
 namespace xplpm {
@@ -54,11 +55,57 @@ struct KeyHash {
 
 }  // namespace
 
+Tally tally(XpLpmAgent& agent, const std::vector<Route>& routes) {
+  Tally t;
+  for (const Route& r : routes) {
+    const bool v6 = r.ipv6;
+    Tally::Length& length = t.byLength[{v6, v6 ? r.v6.len() : r.v4.len()}];
+    ++t.requested[v6];
+    ++length.requested;
+    const XpLib::Agent::RouteResult result = agent.routeState(r);
+    const bool placed = agent.installed(r);
+    if (placed && result.installed()) {
+      ++t.installed[v6];
+      continue;
+    }
+    const std::string code = placed != result.installed() ? "inconsistent" : result.code();
+    ++length.failed;
+    ++t.failuresByCode[code];
+    if (t.samples.size() < 10) t.samples.push_back(r.prefixStr() + ": " + code);
+  }
+  return t;
+}
+
+std::unique_ptr<XpLpmAgent> startAgent(const XpXdk::xpChipProfile& profile, const XpLib::Agent::AgentOptions& options,
+                                       std::shared_ptr<XpLib::Agent::ChipPort> chip) {
+  try {
+    if (chip) return std::make_unique<XpLpmAgent>(profile, std::move(chip), XpLpmAgent::Start::warm, options);
+    return std::make_unique<XpLpmAgent>(profile, options);
+  } catch (const XpLib::Agent::AgentError& e) {
+    badInput("profile " + profile.name, std::string("the agent cannot run this chip: ") + e.what());
+  } catch (const std::invalid_argument& e) {
+    badInput("profile " + profile.name, std::string("the simulated chip cannot be built: ") + e.what());
+  }
+}
+
 Session::Session(const XpXdk::xpChipProfile& profile, const RunOptions& options)
     : profile_(profile), options_(options) {}
 
+void Session::agentIs(std::unique_ptr<XpLpmAgent> a) {
+  if (agent_)
+    for (bool v6 : {false, true}) earlierErrors_ += agent_->family(v6).writer->counters().errors;
+  agent_ = std::move(a);
+}
+
+U64 Session::hardwareErrors() const {
+  U64 errors = earlierErrors_;
+  if (agent_)
+    for (bool v6 : {false, true}) errors += agent_->family(v6).writer->counters().errors;
+  return errors;
+}
+
 void Session::program(const std::vector<Route>& routes) {
-  agent_ = std::make_unique<XpLpmAgent>(profile_, XpLib::Agent::AgentOptions{.nextHopGroups = options_.nextHopGroups});
+  if (!agent_) agent_ = startAgent(profile_, options_.agent);
   const std::size_t chipBefore = agent_->chip().storedBytes();
   const std::size_t heapStart = heapInUse();
   Progress bar(options_.progress, "programming", routes.size());
@@ -72,27 +119,14 @@ void Session::program(const std::vector<Route>& routes) {
   const std::size_t heapEnd = heapInUse();
   // The library's model: what programming added to the heap, less what the simulated chip stored.
   figures_.memoryBytes = heapEnd > heapStart + (chipAfter - chipBefore) ? heapEnd - heapStart - (chipAfter - chipBefore) : 0;
-
-  for (const Route& r : routes) {
-    FamilyFigures& f = figures_.family[r.ipv6];
-    ++f.requested;
-    if (agent_->installed(r)) {
-      ++f.installed;
-      continue;
-    }
-    ++f.failed;
-    const bool noGroupBlock = agent_->groupBlock(agent_->groupOf(r.nextHop)) == XpLib::Agent::NextHopBlock();
-    const std::string code =
-        noGroupBlock ? "nextHopTableFull" : XpLib::XpLpm::stringValue(agent_->family(r.ipv6).sm->lastInsertReturnCode());
-    ++f.failuresByCode[code];
-    if (figures_.failureSamples.size() < 10) figures_.failureSamples.push_back(r.prefixStr() + ": " + code);
-  }
+  // Counted once every route is in: a later group move may have withdrawn an earlier route.
+  figures_.programmed = tally(*agent_, routes);
   // The yardstick: the same keys into a plain hash map, in this process.
   std::unordered_map<XpLib::VrfAndPrefix, XpLib::Agent::NextHopBlock, KeyHash> yard4;
   std::unordered_map<XpLib::VrfAndIp6Prefix, XpLib::Agent::NextHopBlock, KeyHash> yard6;
   const auto t1 = std::chrono::steady_clock::now();
   for (const Route& r : routes) {
-    const XpLib::Agent::NextHopBlock block(static_cast<XpLib::U32>(r.nextHop % options_.nextHopGroups) * 8, 8);
+    const XpLib::Agent::NextHopBlock block(static_cast<XpLib::U32>(r.nextHop % options_.agent.nextHopGroups) * 8, 8);
     if (r.ipv6) {
       yard6[XpLib::VrfAndIp6Prefix{r.vrf, r.v6}] = block;
     } else {
@@ -112,10 +146,13 @@ void Session::survey() {
   }
 }
 
-void Session::verify(const std::vector<Route>& routes) {
+namespace {
+
+// The brute-force answer: every route the state machines hold, with its block.
+XpLib::Agent::ReferenceLpm referenceOf(const XpLpmAgent& agent) {
   XpLib::Agent::ReferenceLpm ref;
   for (bool v6 : {false, true}) {
-    for (const auto& [prefix, block] : agent_->family(v6).status->prefixToNextHopBlockMap()) {
+    for (const auto& [prefix, block] : agent.family(v6).status->prefixToNextHopBlockMap()) {
       if (v6) {
         const auto& k = static_cast<const XpLib::XpLpm::LpmPrefixV6&>(*prefix).vrfAndIp6Prefix();
         ref.routeIs(k.vrf, k.prefix, block);
@@ -125,62 +162,82 @@ void Session::verify(const std::vector<Route>& routes) {
       }
     }
   }
-  U64 probes = 0, mismatches = 0;
-  auto check = [&](const XpXdk::xpLpmLookupResult& hit, const std::optional<XpLib::Agent::ReferenceMatch>& want,
-                   U64 selector) {
-    ++probes;
-    bool ok;
-    if (!want) {
-      ok = !hit.hit;
+  return ref;
+}
+
+// Looks addresses up in the chip and in the reference, and counts disagreements: a hit must
+// match the longest route's length and block, and its next-hop entry must name that group.
+class Prober {
+ public:
+  explicit Prober(XpLpmAgent& agent) : agent_(agent), ref_(referenceOf(agent)) {}
+
+  void probe(XpLib::U32 vrf, XpLib::U32 a) { check(agent_.lookup(vrf, a), ref_.lookup(vrf, a), a); }
+  void probe(XpLib::U32 vrf, const XpLib::Ip6Prefix::Bytes& a) { check(agent_.lookup(vrf, a), ref_.lookup(vrf, a), a[15]); }
+  // The first and last address of the route.
+  void ends(const Route& r) {
+    if (r.ipv6) {
+      XpLib::Ip6Prefix::Bytes last = r.v6.address();
+      for (int i = 0; i < 16; ++i) last[i] |= static_cast<XpLib::U8>(0xFF >> std::clamp(r.v6.len() - 8 * i, 0, 8));
+      probe(r.vrf, r.v6.address());
+      probe(r.vrf, last);
     } else {
-      const std::optional<XpXdk::xpNhEntry> e = agent_->chip().resolve(hit, selector);
+      probe(r.vrf, r.v4.address());
+      probe(r.vrf, r.v4.address() | ~XpLib::Prefix::mask(r.v4.len()));
+    }
+  }
+  // A random address inside the route, or anywhere in its family.
+  void random(const Route& r, bool inside, std::mt19937_64& rng) {
+    if (!r.ipv6) {
+      const XpLib::U32 random = static_cast<XpLib::U32>(rng());
+      probe(r.vrf, inside ? r.v4.address() | (random & ~XpLib::Prefix::mask(r.v4.len())) : random);
+      return;
+    }
+    XpLib::Ip6Prefix::Bytes a;
+    for (auto& b : a) b = static_cast<XpLib::U8>(rng());
+    for (int k = 0; inside && k < 16; ++k) {
+      const XpLib::U8 keep = static_cast<XpLib::U8>(0xFF00 >> std::clamp(r.v6.len() - 8 * k, 0, 8));
+      a[k] = static_cast<XpLib::U8>((r.v6.address()[k] & keep) | (a[k] & ~keep));
+    }
+    probe(r.vrf, a);
+  }
+
+  U64 probes = 0, mismatches = 0;
+
+ private:
+  void check(const XpXdk::xpLpmLookupResult& hit, const std::optional<XpLib::Agent::ReferenceMatch>& want, U64 selector) {
+    ++probes;
+    bool ok = !hit.hit;
+    if (want) {
+      const std::optional<XpXdk::xpNhEntry> e = agent_.chip().resolve(hit, selector);
       ok = hit.hit && hit.matchLength == want->len + 16u && hit.nextHopBlock.base == want->block.base().value() &&
            e && XpLpmAgent::groupOfEntry(*e) ==
-                    agent_->nextHopSm()->baseIdxToSwId(XpLib::XpLpmNextHop::NextHopTableIdx(hit.nextHopBlock.base));
+                    agent_.nextHopSm()->baseIdxToSwId(XpLib::XpLpmNextHop::NextHopTableIdx(hit.nextHopBlock.base));
     }
     mismatches += !ok;
-  };
-  auto probe4 = [&](XpLib::U32 vrf, XpLib::U32 a) { check(agent_->lookup(vrf, a), ref.lookup(vrf, a), a); };
-  auto probe6 = [&](XpLib::U32 vrf, const XpLib::Ip6Prefix::Bytes& a) {
-    check(agent_->lookup(vrf, a), ref.lookup(vrf, a), a[15]);
-  };
+  }
+
+  XpLpmAgent& agent_;
+  XpLib::Agent::ReferenceLpm ref_;
+};
+
+}  // namespace
+
+void Session::verify(const std::vector<Route>& routes) {
+  Prober prober(*agent_);
   Progress bar(options_.progress, "verifying", routes.size() + options_.probes);
   std::size_t n = 0;
   for (const Route& r : routes) {
     bar.at(n++);
-    if (r.ipv6) {
-      XpLib::Ip6Prefix::Bytes last = r.v6.address();
-      for (int i = 0; i < 16; ++i) last[i] |= static_cast<XpLib::U8>(0xFF >> std::clamp(r.v6.len() - 8 * i, 0, 8));
-      probe6(r.vrf, r.v6.address());
-      probe6(r.vrf, last);
-    } else {
-      probe4(r.vrf, r.v4.address());
-      probe4(r.vrf, r.v4.address() | ~XpLib::Prefix::mask(r.v4.len()));
-    }
+    prober.ends(r);
   }
   // Random addresses: half inside a random route, half anywhere in its family.
   std::mt19937_64 rng(options_.seed);
   for (U64 i = 0; i < options_.probes && !routes.empty(); ++i) {
     bar.at(n++);
-    const Route& r = routes[rng() % routes.size()];
-    const bool inside = i % 2 == 0;
-    if (r.ipv6) {
-      XpLib::Ip6Prefix::Bytes a;
-      for (auto& b : a) b = static_cast<XpLib::U8>(rng());
-      if (inside) {
-        for (int k = 0; k < 16; ++k) {
-          const XpLib::U8 keep = static_cast<XpLib::U8>(0xFF00 >> std::clamp(r.v6.len() - 8 * k, 0, 8));
-          a[k] = static_cast<XpLib::U8>((r.v6.address()[k] & keep) | (a[k] & ~keep));
-        }
-      }
-      probe6(r.vrf, a);
-    } else {
-      const XpLib::U32 random = static_cast<XpLib::U32>(rng());
-      probe4(r.vrf, inside ? r.v4.address() | (random & ~XpLib::Prefix::mask(r.v4.len())) : random);
-    }
+    prober.random(routes[rng() % routes.size()], i % 2 == 0, rng);
   }
-  figures_.verifyProbes = probes;
-  figures_.verifyMismatches = mismatches;
+  figures_.verifyProbes = prober.probes;
+  figures_.verifyMismatches = prober.mismatches;
 }
 
 U64 Session::digest() const {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "RouteInput.h"
@@ -17,36 +18,58 @@ using XpLib::U32;
 using XpLib::U64;
 
 struct RunOptions {
-  std::string profileName = "reference";
-  U32 nextHopGroups = 256;
+  XpLib::Agent::AgentOptions agent;
   bool verify = false;
   U64 probes = 1000000;
   U64 seed = 1;
   bool progress = false;  // a progress bar on standard error
 };
 
-struct FamilyFigures {
-  U64 requested = 0, installed = 0, failed = 0;
+// What became of a list of routes, each by its own outcome at the time of the count.
+struct Tally {
+  struct Length {
+    U64 requested = 0, failed = 0;
+  };
+  U64 requested[2] = {0, 0}, installed[2] = {0, 0};  // by family: IPv4, IPv6
   std::map<std::string, U64> failuresByCode;
+  std::map<std::pair<bool, int>, Length> byLength;  // (IPv6, prefix length)
+  std::vector<std::string> samples;                 // "PREFIX: code", the first few
+
+  U64 requestedAll() const { return requested[0] + requested[1]; }
+  U64 installedAll() const { return installed[0] + installed[1]; }
+  U64 failed() const { return requestedAll() - installedAll(); }
+};
+
+// Counts every route by the agent's answer for it. A route the agent calls installed
+// but the state machine does not hold (or the reverse) is counted as "inconsistent".
+Tally tally(XpLib::Agent::XpLpmAgent& agent, const std::vector<XpLib::Agent::Route>& routes);
+
+struct FamilyFigures {
   std::vector<XpLib::Agent::TableFill> tables;
   std::vector<XpLib::Agent::NhiFill> nhi;
   XpLib::Agent::NhiOverlapAudit overlaps;
 };
 
 struct Figures {
+  Tally programmed;  // right after programming
   FamilyFigures family[2];
   double programSeconds = 0;
   double yardstickSeconds = 0;
   U64 memoryBytes = 0;
   U64 verifyProbes = 0, verifyMismatches = 0;
-  std::vector<std::string> failureSamples;  // "PREFIX: code", the first few
 };
+
+// Starts an agent on a new chip of this profile, or over `chip` after a warm restart.
+// An AgentError (or a chip the simulation refuses) is bad input: it throws BadInput.
+std::unique_ptr<XpLib::Agent::XpLpmAgent> startAgent(const XpXdk::xpChipProfile& profile,
+                                                     const XpLib::Agent::AgentOptions& options,
+                                                     std::shared_ptr<XpLib::Agent::ChipPort> chip = nullptr);
 
 class Session {
  public:
   Session(const XpXdk::xpChipProfile& profile, const RunOptions& options);
 
-  // Programs every route, from empty, and measures it.
+  // Starts the agent on an empty chip, then programs every route and measures it.
   void program(const std::vector<XpLib::Agent::Route>& routes);
   // Looks every route up at its first and last address, plus `probes` random addresses.
   void verify(const std::vector<XpLib::Agent::Route>& routes);
@@ -54,17 +77,21 @@ class Session {
   void survey();
 
   XpLib::Agent::XpLpmAgent& agent() { return *agent_; }
-  void agentIs(std::unique_ptr<XpLib::Agent::XpLpmAgent> a) { agent_ = std::move(a); }
+  // Replaces the agent (a warm restart); the chip writes the old one had refused stay counted.
+  void agentIs(std::unique_ptr<XpLib::Agent::XpLpmAgent> a);
   const XpXdk::xpChipProfile& profile() const { return profile_; }
   Figures& figures() { return figures_; }
   const RunOptions& options() const { return options_; }
   U64 digest() const;
+  // Chip writes the simulated SDK refused, over every agent of the session.
+  U64 hardwareErrors() const;
 
  private:
   XpXdk::xpChipProfile profile_;
   RunOptions options_;
   std::unique_ptr<XpLib::Agent::XpLpmAgent> agent_;
   Figures figures_;
+  U64 earlierErrors_ = 0;
 };
 
 }  // namespace xplpm

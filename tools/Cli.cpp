@@ -1,0 +1,83 @@
+// Commands and options.
+#include "Cli.h"
+
+#include <charconv>
+
+namespace xplpm {
+
+const char* const kExitStatusHelp =
+    "Exit status (run, restart, churn, show):\n"
+    "  0  everything asked for holds\n"
+    "  1  verification found a mismatch, the chip refused a write, or a warm restart did not\n"
+    "     rebuild the model it had\n"
+    "  2  bad input: a route file, option, profile or environment variable (nothing is programmed)\n"
+    "  3  some routes were not placed (0 instead with --allow-failed; the report says which and why)\n";
+
+namespace {
+
+// CLI11 reads "-1" into an unsigned option as its wrap-around; only plain digits mean a count.
+const CLI::Validator kCount(
+    [](std::string& text) -> std::string {
+      XpLib::U64 n = 0;
+      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), n);
+      if (text.empty() || text[0] == '+' || ec != std::errc() || end != text.data() + text.size())
+        return "'" + text + "' is not a non-negative integer";
+      return "";
+    },
+    "UINT");
+
+void addCommon(CLI::App* app, Options& c) {
+  app->add_option("--family", c.family, "ipv4 or ipv6 (default: from the file)")->check(CLI::IsMember({"ipv4", "ipv6"}));
+  app->add_option("--routes", c.routes, "route file, plain or .gz, or - for standard input (default: the shipped real table)");
+  app->add_option("--profile", c.profile, "built-in profile name or FILE.json (default: reference)");
+  app->add_option("--nexthop-groups", c.groups, "next-hop groups the next hops fold onto, 1 to 65535 (default 256)")
+      ->check(kCount & CLI::Range(1u, 65535u));
+  app->add_option("--nhi-filing", c.nhiFiling,
+                  "own (default): an NHI block is filed under the tile that holds it; first: under the first tile "
+                  "visited, the library's plain rule")
+      ->check(CLI::IsMember({"own", "first"}));
+  app->add_flag("--verify", c.verify, "probe every route and --probes random addresses against a brute-force LPM");
+  app->add_option("--probes", c.probes, "random addresses probed by --verify, up to 10^9 (default 1000000)")
+      ->check(kCount & CLI::Range(XpLib::U64(0), XpLib::U64(1000000000)));
+  app->add_flag("--json", c.json, "one JSON document on standard output");
+  auto* trace = app->add_option("--trace", c.trace, "trace level 0-9")->check(CLI::Range(0, 9));
+  app->add_option("--trace-file", c.traceFile, "where traces go (default: standard error)")->needs(trace);
+  app->add_option("--seed", c.seed, "seed of random probes, churn and restart changes (default 1)")->check(kCount);
+  app->add_flag("--skip-bad-lines", c.skipBad, "report bad route lines and program the rest");
+  app->add_flag("--allow-failed", c.allowFailed, "exit 0 even when some routes were not placed");
+}
+
+}  // namespace
+
+void buildCli(CLI::App& app, Options& c) {
+  app.footer(kExitStatusHelp);  // before the commands, which inherit it
+  app.set_version_flag("--version", "xplpm " XPLPM_VERSION);
+  app.require_subcommand(1);
+  auto* run = app.add_subcommand("run", "program a route table from empty and report");
+  auto* restart = app.add_subcommand("restart", "program, restart the agent over the same chip, reconcile, report");
+  auto* churn = app.add_subcommand("churn", "program, then apply random withdrawals, next-hop changes and resizes");
+  auto* show = app.add_subcommand("show", "program, then print summary|prefix-tables|subtries|nhi-tiles|nexthop|fill");
+  auto* profile = app.add_subcommand("profile", "the built-in chip profiles");
+  for (auto* sub : {run, restart, churn, show}) {
+    addCommon(sub, c);
+    sub->callback([&c, sub] { c.command = sub->get_name(); });
+  }
+  churn->add_option("--ops", c.ops, "operations of churn, up to 10^9 (default 100000)")
+      ->check(kCount & CLI::Range(XpLib::U64(0), XpLib::U64(1000000000)));
+  restart->add_option("--changes", c.changes,
+                      "after the restart, apply N seeded route changes (next hops, withdrawals, new routes) "
+                      "before verifying, up to 10^8")
+      ->check(kCount & CLI::Range(XpLib::U64(0), XpLib::U64(100000000)));
+  show->add_option("what", c.what, "what to show")
+      ->required()
+      ->check(CLI::IsMember({"summary", "prefix-tables", "subtries", "nhi-tiles", "nexthop", "fill"}));
+  show->add_option("--svg", c.svg, "with fill: the SVG file to write");
+  profile->require_subcommand(1);
+  profile->add_subcommand("list", "list the built-in profiles")->callback([&c] { c.command = "profile list"; });
+  auto* pshow = profile->add_subcommand("show", "show one profile's tables");
+  pshow->callback([&c] { c.command = "profile show"; });
+  pshow->add_option("name", c.profileName, "profile name or FILE.json")->required();
+  pshow->add_flag("--json", c.profileJson, "as a JSON profile");
+}
+
+}  // namespace xplpm

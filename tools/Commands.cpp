@@ -1,0 +1,79 @@
+// What the commands share.
+#include "Commands.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+#include "Environment.h"
+#include "Human.h"
+#include "ProfileInput.h"
+#include "Report.h"
+
+namespace xplpm {
+
+namespace {
+
+// Says why a route file gave nothing to program.
+std::string noRoutes(const RouteSet& set, const Options& c) {
+  if (set.lines == 0) return "no routes: the input is empty";
+  if (set.otherFamily > 0)
+    return "no " + c.family + std::string(" routes (") + std::to_string(set.otherFamily) + " of the other family; --family selects)";
+  if (!set.badLines.empty())
+    return std::string("no routes: all ") + std::to_string(set.badLines.size()) + " route lines are bad";
+  return std::string("no routes: ") + std::to_string(set.lines) + " lines, all blank or comments";
+}
+
+RouteSet loadRoutes(const Options& c) {
+  FamilyFilter filter = FamilyFilter::any;
+  if (c.family == "ipv4") filter = FamilyFilter::ipv4;
+  if (c.family == "ipv6") filter = FamilyFilter::ipv6;
+  const std::string path =
+      !c.routes.empty() ? c.routes
+                        : std::string(XPLPM_DATA_DIR) + (filter == FamilyFilter::ipv6 ? "/routes-v6.txt.gz" : "/routes-v4.txt.gz");
+  RouteSet set = readRoutes(path, filter, c.skipBad);
+  if (!set.badLines.empty() && !c.skipBad) throw BadInput({set.badLines.front()});
+  for (const auto& bad : set.badLines) printInputError(bad, " (skipped)");
+  if (set.routes.empty()) badInput(set.source, noRoutes(set, c));
+  return set;
+}
+
+RunOptions runOptions(const Options& c) {
+  RunOptions o;
+  o.agent.nextHopGroups = c.groups;
+  o.agent.nhiOwnTileFiling = c.nhiFiling == "own";
+  o.verify = c.verify;
+  o.probes = c.probes;
+  o.seed = c.seed;
+  o.progress = isatty(2) && !c.json;
+  return o;
+}
+
+}  // namespace
+
+Programmed programmed(const Options& c, bool verify) {
+  XpXdk::xpChipProfile profile = loadProfile(c.profile, "--profile");
+  checkEnvironment(profile);
+  profile = withEnvironmentGeometry(profile);
+  Programmed p;
+  p.set = loadRoutes(c);
+  p.session = std::make_unique<Session>(profile, runOptions(c));
+  p.session->agentIs(startAgent(profile, p.session->options().agent));
+  checkGroupWidths(p.session->agent(), c.groups);
+  p.session->program(p.set.routes);
+  p.session->survey();
+  if (verify) p.session->verify(p.set.routes);
+  return p;
+}
+
+int finish(const nlohmann::json& j, const Options& c) {
+  const int status = exitStatus(j, c.allowFailed);
+  if (c.json) {
+    std::cout << j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+  } else {
+    printHuman(j, status);
+  }
+  return status;
+}
+
+}  // namespace xplpm

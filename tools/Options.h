@@ -1,0 +1,33 @@
+// The tool's command line, as parsed: one struct for every command's options.
+#pragma once
+
+#include <string>
+
+#include "platform/Types.h"
+
+namespace xplpm {
+
+struct Options {
+  std::string command;  // run, restart, churn, show, profile list, profile show
+  std::string family;
+  std::string routes;
+  std::string profile = "reference";
+  XpLib::U32 groups = 256;
+  std::string nhiFiling = "own";
+  bool verify = false;
+  XpLib::U64 probes = 1000000;
+  bool json = false;
+  int trace = -1;
+  std::string traceFile;
+  XpLib::U64 seed = 1;
+  XpLib::U64 ops = 100000;
+  XpLib::U64 changes = 0;
+  bool skipBad = false;
+  bool allowFailed = false;
+  std::string what;  // show
+  std::string svg;   // show fill
+  std::string profileName;   // profile show
+  bool profileJson = false;  // profile show --json
+};
+
+}  // namespace xplpm

@@ -1,0 +1,25 @@
+// The JSON document every programming command reports, and the exit status it implies.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "Options.h"
+#include "RouteInput.h"
+#include "Session.h"
+
+namespace xplpm {
+
+// The figures of a programmed session: routes, speed, commands, hardware, memory, tables, NHI.
+nlohmann::json runJson(Session& s, const RouteSet& set, const Options& c);
+
+// Re-reads the tables and NHI sections from the chip as it is now (after a restart or churn).
+void refreshChipJson(Session& s, nlohmann::json& j);
+
+// Outcome counts of a tally: failed, failures_by_code (summing to failed) and failures_by_length.
+nlohmann::json tallyJson(const Tally& t);
+
+// The document's verdict: exitMismatch for a verification mismatch, a refused chip write or
+// a restart that lost its model; exitNotFit for routes not placed (unless allowed); else exitOk.
+int exitStatus(const nlohmann::json& j, bool allowFailed);
+
+}  // namespace xplpm
