@@ -89,7 +89,8 @@ NhiOverlapAudit ChipSurvey::nhiOverlaps() const {
   // inside one that starts earlier (or at the same base with another size).
   std::vector<Block> open;
   U32 tile = ~0u;
-  for (const auto& [b, refs] : blocks) {
+  for (const auto& [block, refs] : blocks) {
+    const Block b = block;  // a structured binding cannot be captured before C++20 compilers catch up
     audit.sharedBlocks += refs > 1;
     if (b.tile != tile) {
       open.clear();

@@ -65,7 +65,7 @@ std::vector<std::string> environmentProblems(const XpXdk::xpChipProfile& profile
   note(badNumber("MAX_LPM_PREFIXTABLE_SRAM_ENTRIES", 2, U64(1) << 24,
                  "every prefix table hashes into that many entries, which needs at least 2", nullptr));
   note(badNumber("NHI_TABLE_SIZE", 1, 0xFFFF, "it also becomes the entries of one NHI tile, a 16-bit count", nullptr));
-  note(badNumber("NUMBER_OF_NHI_TILES", 1, 0xFF, "the library counts tiles in 8 bits", nullptr));
+  note(badNumber("NUMBER_OF_NHI_TILES", 1, 64, "a chip's tile bitmap marks at most 64 tiles", nullptr));
   // A sub-trie holds at most entry bits / smallest stride slots.
   U64 needed = 1;
   for (const auto* c : {&profile.ipv4, &profile.ipv6}) {
@@ -299,9 +299,11 @@ XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& want
 
 XpLpmAgent::Group& XpLpmAgent::groupIs(SwId group) {
   if (Group* g = groups_.find(group)) return *g;
-  groups_.set(group, Group{defaultWidth(group), {}, {}});
+  // A next-hop table whose largest block is narrower than a default width gets groups that fit.
+  const Nway width(static_cast<U16>(std::min<U32>(defaultWidth(group).value(), maxGroupWidth())));
+  groups_.set(group, Group{width, {}, {}});
   const NextHopBlock before = groupBlock(group);
-  nhConfig_->requestIs(group, defaultWidth(group));
+  nhConfig_->requestIs(group, width);
   applyNextHopChanges(group, before);
   return *groups_.find(group);
 }
@@ -395,7 +397,7 @@ void XpLpmAgent::copyEntries(const NextHopBlock& from, const NextHopBlock& to) {
     const U32 i = dst > src ? n - 1 - k : k;
     XpXdk::xpNhEntry e;
     chip_->readNextHop(src + i, &e);
-    chip_->writeNextHop(dst + i, e);
+    if (chip_->writeNextHop(dst + i, e) != XpXdk::XP_NO_ERR) ++counters_.nextHopErrors;
     ++counters_.nextHopCopies;
   }
 }
@@ -450,7 +452,7 @@ void XpLpmAgent::writeGroupEntries(SwId group, const NextHopBlock& block) {
     XpXdk::xpNhEntry held;
     const XpXdk::xpNhEntry want = groupEntry(group, m);
     if (chip_->readNextHop(block.base().value() + m, &held) == XpXdk::XP_NO_ERR && held == want) continue;
-    chip_->writeNextHop(block.base().value() + m, want);
+    if (chip_->writeNextHop(block.base().value() + m, want) != XpXdk::XP_NO_ERR) ++counters_.nextHopErrors;
     ++counters_.nextHopWrites;
   }
 }

@@ -116,6 +116,7 @@ std::vector<std::string> environmentProblems(const XpXdk::xpChipProfile& profile
 
 struct AgentCounters {
   U64 nextHopWrites = 0;       // next-hop table entries written for groups
+  U64 nextHopErrors = 0;       // next-hop table writes the chip refused
   U64 nextHopCopies = 0;       // entries copied by moves
   U64 shuffles = 0;            // group moves applied
   U64 routesRepointed = 0;     // route re-requests caused by group moves and resizes

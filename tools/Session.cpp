@@ -91,18 +91,21 @@ std::unique_ptr<XpLpmAgent> startAgent(const XpXdk::xpChipProfile& profile, cons
 Session::Session(const XpXdk::xpChipProfile& profile, const RunOptions& options)
     : profile_(profile), options_(options) {}
 
+namespace {
+// Every write the chip refused: prefix and NHI entries, and next-hop table entries.
+U64 refusedWrites(const XpLpmAgent& agent) {
+  U64 errors = agent.counters().nextHopErrors;
+  for (bool v6 : {false, true}) errors += agent.family(v6).writer->counters().errors;
+  return errors;
+}
+}  // namespace
+
 void Session::agentIs(std::unique_ptr<XpLpmAgent> a) {
-  if (agent_)
-    for (bool v6 : {false, true}) earlierErrors_ += agent_->family(v6).writer->counters().errors;
+  if (agent_) earlierErrors_ += refusedWrites(*agent_);
   agent_ = std::move(a);
 }
 
-U64 Session::hardwareErrors() const {
-  U64 errors = earlierErrors_;
-  if (agent_)
-    for (bool v6 : {false, true}) errors += agent_->family(v6).writer->counters().errors;
-  return errors;
-}
+U64 Session::hardwareErrors() const { return earlierErrors_ + (agent_ ? refusedWrites(*agent_) : 0); }
 
 void Session::program(const std::vector<Route>& routes) {
   if (!agent_) agent_ = startAgent(profile_, options_.agent);
