@@ -157,7 +157,7 @@ class HitlessAudit {
     if (r.ipv6) {
       p.a6 = randomAddressIn(r.v6, rng_);
     } else {
-      p.a4 = r.v4.address() | (static_cast<U32>(rng_()) & ~Prefix::mask(r.v4.len()));
+      p.a4 = randomAddressIn(r.v4, rng_);
     }
     p.got = chipAnswer(p.v6, p.vrf, p.a4, p.a6);
     if (!(p.got == Answer{}) || true) {

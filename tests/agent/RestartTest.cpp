@@ -114,9 +114,9 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   auto groupAt = [](XpLpmAgent& a, const Route& r, bool last) -> std::optional<U64> {
     XpXdk::xpLpmLookupResult hit;
     if (r.ipv6) {
-      hit = a.lookup(r.vrf, last ? test::lastAddress(r.v6) : r.v6.address());
+      hit = a.lookup(r.vrf, last ? lastAddress(r.v6) : r.v6.address());
     } else {
-      hit = a.lookup(r.vrf, last ? r.v4.address() | ~Prefix::mask(r.v4.len()) : r.v4.address());
+      hit = a.lookup(r.vrf, last ? lastAddress(r.v4) : r.v4.address());
     }
     const std::optional<XpXdk::xpNhEntry> e = a.chip().resolve(hit, 0);
     if (!e) return std::nullopt;
