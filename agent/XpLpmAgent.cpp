@@ -269,7 +269,7 @@ XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& want
     Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
     const NextHopBlock before = family(r.ipv6).config->request(prefix);
     routeIs(r);
-    named.set(groupOf(r.nextHop), true);
+    named.set(groupOf(r), true);
     const NextHopBlock after = family(r.ipv6).config->request(prefix);
     if (before == NextHopBlock()) {
       ++report.added;
@@ -599,7 +599,7 @@ Ptr<XpLpm::LpmPrefix> XpLpmAgent::findPrefix(const Route& r) const {
 
 RouteResult XpLpmAgent::routeIs(const Route& r) {
   Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
-  const SwId group = groupOf(r.nextHop);
+  const SwId group = groupOf(r);
   if (const RouteRecord* held = routes_.find(prefix); held && held->group != group) leaveGroup(prefix);
   Group& g = groupIs(group);
   g.routes.set(prefix, true);

@@ -61,6 +61,9 @@ struct Route {
   Prefix v4;
   Ip6Prefix v6;
   U64 nextHop = 0;
+  // The next-hop group, when the control plane names one (an ECMP set, say); otherwise the route
+  // goes to group nextHop % nextHopGroups.
+  SwId group;
 
   std::string prefixStr() const { return ipv6 ? v6.str() : v4.str(); }
 };
@@ -167,6 +170,7 @@ class XpLpmAgent {
 
   // --- next-hop groups
   SwId groupOf(U64 nextHop) const { return SwId(nextHop % options_.nextHopGroups); }
+  SwId groupOf(const Route& r) const { return r.group != SwId() ? r.group : groupOf(r.nextHop); }
   Nway defaultWidth(SwId group) const { return Nway(static_cast<U16>(1u << (group.value() % 4))); }
   // The widths a group may have: 1 to the next-hop table's largest block.
   U32 maxGroupWidth() const;
