@@ -1,5 +1,6 @@
-// A program outside the project built against the installed library: it configures
-// a built-in chip profile, starts the IPv4 state machine and places one route.
+// A program outside the project built against the installed library and the simulated SDK (a
+// library of its own, as a vendor's is): it configures a built-in chip profile, starts the IPv4
+// state machine and places one route.
 #include <cstdio>
 
 #include "XpLpm/XpLpmSm.h"
