@@ -46,6 +46,15 @@ void LpmSm::verifyLpmRoute(const Ptr<LpmPrefix>& prefix) const {
 
 LpmSm::VerifyCounts LpmSm::verify() const {
   VerifyCounts counts;
+  verifySubTries(counts);
+  verifyNhiBlocks(counts);
+  verifyRoutes(counts);
+  return counts;
+}
+
+// Every sub-trie sits where its table says, holds prefixes of its branch and stride that hash to
+// its position, and uses a shared record and a block that know it.
+void LpmSm::verifySubTries(VerifyCounts& counts) const {
   for (const auto& [id, table] : prefixTable_) {
     const U8 tread = table->tableConfig()->tread();
     for (const auto& [idx, st] : table->subTrieMap()) {
@@ -55,7 +64,6 @@ LpmSm::VerifyCounts LpmSm::verify() const {
       XP_ASSERT_V(st->numPrefixes() > 0 && st->branchLen() >= tread, " table " << id << " subtrie " << *st);
       for (const Ptr<LpmPrefix>& p : st->slots()) {
         if (!p) continue;
-        // Every prefix shares the sub-trie's branch, lies within its stride and hashes to its position.
         SubTrieBranch branch = st->branch();
         U8 common = 0;
         findCommonBranch(branch, p->branch(st->branchLen()), st->branchLen(), common);
@@ -68,6 +76,11 @@ LpmSm::VerifyCounts LpmSm::verify() const {
       XP_ASSERT_V(info && info->nhiBaseIdx() == st->nhiBaseIdx() && users && users->subTrie(st), " subtrie " << *st);
     }
   }
+}
+
+// Blocks, their users and the shared records agree one to one; the deletion need is what the
+// shared records add up to; the allocators' free entries and the blocks held fill the tiles.
+void LpmSm::verifyNhiBlocks(VerifyCounts& counts) const {
   XP_ASSERT_V(nhiBaseIdxToBlk_.size() == nhiBaseIdxToSubTrie_.size() && sharedNhi_.size() == nhiBaseIdxToBlk_.size(),
               " blocks " << nhiBaseIdxToBlk_.size() << " users " << nhiBaseIdxToSubTrie_.size() << " records "
                          << sharedNhi_.size());
@@ -98,6 +111,10 @@ LpmSm::VerifyCounts LpmSm::verify() const {
   }
   XP_ASSERT_V(free + held == U64(config_->nhiEntriesPerTile()) * nhiAllocator_.size(),
               " free " << free << " held " << held);
+}
+
+// The sub-tries hold exactly the installed routes, and each is followed to its block.
+void LpmSm::verifyRoutes(VerifyCounts& counts) const {
   U64 inSubTries = 0;
   for (const auto& [id, table] : prefixTable_)
     for (const auto& [idx, st] : table->subTrieMap()) inSubTries += st->numPrefixes();
@@ -116,7 +133,6 @@ LpmSm::VerifyCounts LpmSm::verify() const {
     }
     verifyLpmRoute(prefix);
   }
-  return counts;
 }
 
 U32 LpmSm::numSharedNhiBlocks() const {

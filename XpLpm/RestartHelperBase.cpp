@@ -107,18 +107,7 @@ int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
 std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table,
                                                      U32 offset, SubTrieBranch& branch, std::vector<Place>& places) {
   XP_ASSERT_TEXT(places.size() == 0, "prefixes.size() == 0");
-  using Entry = XpXdk::xpLpmPrefixEntry;
-  const U8 wantKeySize = config_->keyType() == keyShort48b ? Entry::kKeySizeShort : Entry::kKeySizeLong;
-  if (e.keySize != wantKeySize) return "wrong keySize";
-  // Every entry this system writes is sparse; the model rebuilds no other mode.
-  if (e.mode != Entry::kModeSparse) return "wrong mode";
-  const U32 entrySize = table->tableConfig()->entrySize();
-  if (U32(e.branchLen) + e.stride > entrySize) return "branch length + stride too large";
-  if (e.stride == 0) return "stride is zero";
-  // Our writes never hold a branch longer than the key, nor one shorter than the table's tread.
-  if (e.branchLen > config_->keyLength()) return "branch length beyond the key";
-  if (e.branchLen < table->tableConfig()->tread()) return "branch shorter than the table's tread";
-
+  if (std::string why = checkEntryShape(e, table); !why.empty()) return why;
   branch = entryBranch(e);
   XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry offset " << offset << " branch 0: " << branch.word0()
                                                                  << " 1: " << branch.word1() << " 2: "
@@ -127,32 +116,11 @@ std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEnt
                                                                  << table->tableId());
 
   // At most as many slots as the entry was written with, within the entry's own limits.
+  const U32 entrySize = table->tableConfig()->entrySize();
   const U32 limit = std::min<U32>({(entrySize - e.branchLen) / e.stride, XpXdk::xpLpmPrefixEntry::kMaxSlots,
                                    U32(e.numSlots)});
   for (U32 s = 0; s < limit; ++s) {
-    const XpXdk::xpLpmLeaf& leaf = e.slots[s];
-    if (leaf.empty()) {
-      places.push_back(Place{});
-      continue;
-    }
-    // A leaf whose prefix would not fit the entry's stride or the key cannot come from a write of ours.
-    const U32 bits = leaf.leafValHigh ? 127 - static_cast<U32>(std::countl_zero(leaf.leafValHigh))
-                                      : 63 - static_cast<U32>(std::countl_zero(leaf.leafVal));
-    if (bits >= e.stride || e.branchLen + bits > config_->keyLength()) return "leaf longer than the stride";
-    // A corrupt entry can spell a key that is no prefix at all; that is the entry's fault, not ours.
-    Ptr<LpmPrefix> prefix;
-    try {
-      prefix = createPrefix(branch, e.branchLen, leaf.leafVal, leaf.leafValHigh, e.stride);
-    } catch (const RangeException& ex) {
-      return std::string("slot does not hold a prefix: ") + ex.what();
-    }
-    if (!prefix) return "slot does not hold a prefix";
-    XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry found prefix " << *prefix);
-    places.push_back(Place{prefix});
-    if (config_->request(prefix) != NextHopBlock()) return "duplicate prefixes";
-    for (std::size_t q = 0; q + 1 < places.size(); ++q)
-      if (places[q].prefix && LpmPrefixEq()(places[q].prefix, prefix)) return "duplicate prefixes";
-    if (table->positionOf(prefix) != PrefixTableIdx(offset)) return "prefix hash does not match with offset";
+    if (std::string why = parseSlot(e, e.slots[s], branch, table, offset, places); !why.empty()) return why;
   }
 
   if (e.nhiTile >= config_->nhiAvailableTiles()) return "NHI tile doesn't exist";
@@ -164,6 +132,48 @@ std::string RestartHelperBase::parsePrefixTableEntry(const XpXdk::xpLpmPrefixEnt
                                                                        << config_->nhiEntriesPerTile());
     return "NHI block out of bound";
   }
+  return {};
+}
+
+std::string RestartHelperBase::checkEntryShape(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table) const {
+  using Entry = XpXdk::xpLpmPrefixEntry;
+  const U8 wantKeySize = config_->keyType() == keyShort48b ? Entry::kKeySizeShort : Entry::kKeySizeLong;
+  if (e.keySize != wantKeySize) return "wrong keySize";
+  // Every entry this system writes is sparse; the model rebuilds no other mode.
+  if (e.mode != Entry::kModeSparse) return "wrong mode";
+  if (U32(e.branchLen) + e.stride > table->tableConfig()->entrySize()) return "branch length + stride too large";
+  if (e.stride == 0) return "stride is zero";
+  // Our writes never hold a branch longer than the key, nor one shorter than the table's tread.
+  if (e.branchLen > config_->keyLength()) return "branch length beyond the key";
+  if (e.branchLen < table->tableConfig()->tread()) return "branch shorter than the table's tread";
+  return {};
+}
+
+std::string RestartHelperBase::parseSlot(const XpXdk::xpLpmPrefixEntry& e, const XpXdk::xpLpmLeaf& leaf,
+                                         const SubTrieBranch& branch, const Ptr<PrefixTable>& table, U32 offset,
+                                         std::vector<Place>& places) {
+  if (leaf.empty()) {
+    places.push_back(Place{});
+    return {};
+  }
+  // A leaf whose prefix would not fit the entry's stride or the key cannot come from a write of ours.
+  const U32 bits = leaf.leafValHigh ? 127 - static_cast<U32>(std::countl_zero(leaf.leafValHigh))
+                                    : 63 - static_cast<U32>(std::countl_zero(leaf.leafVal));
+  if (bits >= e.stride || e.branchLen + bits > config_->keyLength()) return "leaf longer than the stride";
+  // A corrupt entry can spell a key that is no prefix at all; that is the entry's fault, not ours.
+  Ptr<LpmPrefix> prefix;
+  try {
+    prefix = createPrefix(branch, e.branchLen, leaf.leafVal, leaf.leafValHigh, e.stride);
+  } catch (const RangeException& ex) {
+    return std::string("slot does not hold a prefix: ") + ex.what();
+  }
+  if (!prefix) return "slot does not hold a prefix";
+  XP_TRACE(5, "RestartHelperBase::parsePrefixTableEntry found prefix " << *prefix);
+  places.push_back(Place{prefix});
+  if (config_->request(prefix) != NextHopBlock()) return "duplicate prefixes";
+  for (std::size_t q = 0; q + 1 < places.size(); ++q)
+    if (places[q].prefix && LpmPrefixEq()(places[q].prefix, prefix)) return "duplicate prefixes";
+  if (table->positionOf(prefix) != PrefixTableIdx(offset)) return "prefix hash does not match with offset";
   return {};
 }
 

@@ -74,6 +74,11 @@ class RestartHelperBase : public PtrInterface {
   // Parses one entry into its places; returns the reason it is invalid, or empty.
   std::string parsePrefixTableEntry(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table, U32 offset,
                                     SubTrieBranch& branch, std::vector<Place>& places);
+  // The entry's key size, mode, branch and stride as our writes make them; the reason if not.
+  std::string checkEntryShape(const XpXdk::xpLpmPrefixEntry& e, const Ptr<PrefixTable>& table) const;
+  // Parses one slot of the entry into `places`; the reason it is invalid, or empty.
+  std::string parseSlot(const XpXdk::xpLpmPrefixEntry& e, const XpXdk::xpLpmLeaf& leaf, const SubTrieBranch& branch,
+                        const Ptr<PrefixTable>& table, U32 offset, std::vector<Place>& places);
   // Checks that the entry's NHI block can be held as it was, and reads its contents into the key;
   // returns the reason it cannot, or empty.
   std::string readNhiBlock(const XpXdk::xpLpmPrefixEntry& e, const std::vector<Place>& places, NhiInfoKey& nhiInfoKey);

@@ -206,6 +206,10 @@ class LpmSm : public PtrInterface {
 
  private:
   void createNhiAllocators();
+  // The parts of verify(): the tables' sub-tries, the NHI blocks and records, the routes.
+  void verifySubTries(VerifyCounts& counts) const;
+  void verifyNhiBlocks(VerifyCounts& counts) const;
+  void verifyRoutes(VerifyCounts& counts) const;
   void enqueue(const Ptr<CommandBase>& cmd) { status_->pendingCmdEnq(cmd); }
 
   Name name_;

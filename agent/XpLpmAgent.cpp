@@ -184,47 +184,48 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
   restartReport_.entriesInvalid[ipv6] = helper->counts().entriesInvalid;
 }
 
-void XpLpmAgent::restoreGroups() {
-  // The blocks the recovered routes point at, by base, with the widths their NHI pairs give. A
-  // block is restored when the chip's next-hop entries from its base name one group's members
-  // 0..width-1; entries past a block may still name the members of a wider block given up
-  // before, so the width comes from the routes, and the chip only confirms it. A base that names
-  // no group's first member is not restored: the routes that point there are re-pointed by
-  // reconcile. Entries no route points at are leftovers of blocks given up.
-  struct Restored {
-    SwId group;
-    U32 width;
-  };
+// Whether the chip's next-hop entries from `base` name one group's members 0..width-1; `group`
+// is that group.
+bool XpLpmAgent::chipHoldsGroup(U32 base, U32 width, SwId& group) const {
   const U32 tableSize = nhSm_->allocator()->entriesCapacity();
-  const U32 maxWidth = maxGroupWidth();
+  if (width == 0 || width > maxGroupWidth() || base >= tableSize || width > tableSize - base) return false;
+  for (U32 m = 0; m < width; ++m) {
+    XpXdk::xpNhEntry e;
+    if (chip_->readNextHop(base + m, &e) != XpXdk::XP_NO_ERR || !(e.data & kGroupEntryValid) ||
+        memberOfEntry(e) != m || (m > 0 && groupOfEntry(e) != group))
+      return false;
+    if (m == 0) group = groupOfEntry(e);
+  }
+  return true;
+}
+
+std::map<U32, XpLpmAgent::RestoredGroup> XpLpmAgent::recoveredGroups() const {
+  // Entries past a block may still name the members of a wider block given up before, so the
+  // width comes from the routes, and the chip only confirms it: the width most routes name wins.
   std::map<U32, std::map<U32, U64>> widthsAt;  // base -> width -> routes that say so
   for (bool v6 : {false, true}) {
     for (const auto& [prefix, block] : family(v6).config->requestMap())
       ++widthsAt[block.base().value()][block.size().value()];
   }
-  auto holdsGroup = [&](U32 base, U32 width, SwId& group) {
-    if (width == 0 || width > maxWidth || base >= tableSize || width > tableSize - base) return false;
-    for (U32 m = 0; m < width; ++m) {
-      XpXdk::xpNhEntry e;
-      if (chip_->readNextHop(base + m, &e) != XpXdk::XP_NO_ERR || !(e.data & kGroupEntryValid) ||
-          memberOfEntry(e) != m || (m > 0 && groupOfEntry(e) != group))
-        return false;
-      if (m == 0) group = groupOfEntry(e);
-    }
-    return true;
-  };
-  std::map<U32, Restored> blocks;
+  std::map<U32, RestoredGroup> blocks;
   for (const auto& [base, widths] : widthsAt) {
     U64 votes = 0;
     for (const auto& [width, routes] : widths) {
       SwId group;
-      if (routes > votes && holdsGroup(base, width, group)) {
-        blocks[base] = Restored{group, width};
+      if (routes > votes && chipHoldsGroup(base, width, group)) {
+        blocks[base] = RestoredGroup{group, width};
         votes = routes;
       }
     }
   }
+  return blocks;
+}
+
+void XpLpmAgent::restoreGroups() {
+  // A base that names no group's first member is not restored: the routes that point there are
+  // re-pointed by reconcile. Entries no route points at are leftovers of blocks given up.
   // Fillers stand in the gaps so that each group lands at its old base.
+  const U32 maxWidth = maxGroupWidth();
   std::vector<SwId> fillers;
   U64 nextFiller = U64(1) << 47;
   auto fill = [&](U32 from, U32 to) {
@@ -236,7 +237,7 @@ void XpLpmAgent::restoreGroups() {
     }
   };
   U32 cursor = 0;
-  for (const auto& [base, restored] : blocks) {
+  for (const auto& [base, restored] : recoveredGroups()) {
     if (groups_.contains(restored.group) || base < cursor) continue;
     fill(cursor, base);
     const Nway width(static_cast<U16>(restored.width));

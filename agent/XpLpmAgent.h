@@ -35,6 +35,7 @@
 // write nothing.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -266,6 +267,13 @@ class XpLpmAgent {
   void startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, const char* name, bool ipv6, bool warm);
   // Re-places the groups of the recovered routes at their old blocks.
   void restoreGroups();
+  struct RestoredGroup {
+    SwId group;
+    U32 width;
+  };
+  // The blocks the recovered routes point at that the chip's next-hop entries confirm, by base.
+  std::map<U32, RestoredGroup> recoveredGroups() const;
+  bool chipHoldsGroup(U32 base, U32 width, SwId& group) const;
   Group& groupIs(SwId group);
   // Applies what the last next-hop request changed: moves, then the group's own block.
   void applyNextHopChanges(SwId requested, const NextHopBlock& before);
