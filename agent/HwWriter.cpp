@@ -2,6 +2,8 @@
 #include "agent/HwWriter.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -14,20 +16,43 @@ namespace Agent {
 
 namespace {
 
-// Fields one by one: a record's padding bytes are not part of its content.
+// FNV-1a over the fields one by one: a record's padding bytes are not part of its content. A zero
+// byte only multiplies by the prime, so a run of n zero bytes is one multiplication by the prime's
+// n-th power: most of a prefix entry is empty slots.
 class Digest {
  public:
+  static constexpr U64 kPrime = 0x100000001b3ull;
+
   explicit Digest(U64& d) : d_(d) {}
   template <class T>
   Digest& operator<<(const T& v) {
-    for (unsigned i = 0; i < sizeof(T); ++i) {
-      d_ ^= static_cast<U8>(static_cast<U64>(v) >> (8 * i));
-      d_ *= 0x100000001b3ull;
+    const U64 bits = static_cast<U64>(v);
+    // Bytes above the highest non-zero one are zero.
+    const unsigned used = bits ? (71 - static_cast<unsigned>(std::countl_zero(bits))) / 8 : 0;
+    for (unsigned i = 0; i < used && i < sizeof(T); ++i) {
+      d_ ^= static_cast<U8>(bits >> (8 * i));
+      d_ *= kPrime;
     }
+    if (used < sizeof(T)) d_ *= power(sizeof(T) - used);
+    return *this;
+  }
+  // n zero bytes.
+  Digest& zeros(unsigned n) {
+    if (n) d_ *= power(n);
     return *this;
   }
 
  private:
+  static U64 power(unsigned n) {
+    static const std::array<U64, 512> powers = [] {
+      std::array<U64, 512> p{};
+      p[0] = 1;
+      for (std::size_t i = 1; i < p.size(); ++i) p[i] = p[i - 1] * kPrime;
+      return p;
+    }();
+    return powers[n];
+  }
+
   U64& d_;
 };
 
@@ -36,7 +61,17 @@ void mix(U64& digest, U32 table, U32 offset, const XpXdk::xpLpmPrefixEntry& e) {
   d << U32(0) << table << offset << e.keySize << e.mode << e.branchLen << e.stride << e.nhiTile << e.nhiOffset
     << e.numSlots;
   for (U8 b : e.branch) d << b;
-  for (const auto& leaf : e.slots) d << leaf.leafVal << leaf.leafValHigh;
+  // Empty slots, in runs.
+  unsigned empty = 0;
+  for (const auto& leaf : e.slots) {
+    if (leaf.leafVal == 0 && leaf.leafValHigh == 0) {
+      empty += sizeof(leaf.leafVal) + sizeof(leaf.leafValHigh);
+      continue;
+    }
+    d.zeros(empty) << leaf.leafVal << leaf.leafValHigh;
+    empty = 0;
+  }
+  d.zeros(empty);
 }
 
 void mix(U64& digest, U32 tile, U32 offset, const XpXdk::xpLpmNhiEntry& e) {
@@ -107,6 +142,10 @@ bool HwWriter::clearPrefixEntry(U32 table, U32 offset) {
 
 void HwWriter::drain() {
   if (status_->pendingCmds() == 0) return;
+  timer_.run([this] { drainQueue(); });
+}
+
+void HwWriter::drainQueue() {
   if (sm_->numNhiBlockDefrag() != compactionsSeen_) {
     compactionsSeen_ = sm_->numNhiBlockDefrag();
     drainAfterCompaction();

@@ -25,6 +25,7 @@
 
 #include "XpLpm/Config.h"
 #include "XpLpm/Status.h"
+#include "agent/SampledTimer.h"
 #include "xdk/xpIpRouteLpmMgr.h"
 
 namespace XpLib {
@@ -68,11 +69,14 @@ class HwWriter {
   // Clears a prefix entry outside the command stream: one recovery could not parse.
   bool clearPrefixEntry(U32 table, U32 offset);
   const HwWriterCounters& counters() const { return counters_; }
+  // Time spent draining (encoding, comparing, writing the chip), estimated from a sample.
+  double seconds() const { return timer_.seconds(); }
 
  private:
   struct Item;
   class Plan;
 
+  void drainQueue();
   void write(const XpLpm::CommandBase& cmd);
   void drainAfterCompaction();
   bool writePrefix(U32 table, U32 offset, const XpXdk::xpLpmPrefixEntry& entry, const XpXdk::xpLpmPrefixEntry& held);
@@ -86,6 +90,7 @@ class HwWriter {
   const XpLpm::LpmSm* sm_;
   XpXdk::xpIpRouteLpmMgr* mgr_;
   HwWriterCounters counters_;
+  SampledTimer timer_;
   U64 compactionsSeen_ = 0;
   // Per tile and entry: how many of the chip's prefix entries read that NHI entry.
   std::vector<std::vector<U16>> readers_;

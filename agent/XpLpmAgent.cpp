@@ -525,7 +525,7 @@ bool XpLpmAgent::withdraw(const Ptr<XpLpm::LpmPrefix>& prefix) {
   }
   deferred_.erase(prefix);
   if (f.config->request(prefix) == NextHopBlock()) return true;
-  f.config->requestDel(prefix);
+  libraryTime_.run([&] { f.config->requestDel(prefix); });
   f.writer->drain();
   if (!deferred_.empty()) retryDeferredWithdrawals();
   return true;
@@ -566,7 +566,7 @@ RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const 
     withdraw(prefix);
     return RouteResult{RouteState::nhiReserve};
   }
-  f.config->requestIs(prefix, block);
+  libraryTime_.run([&] { f.config->requestIs(prefix, block); });
   f.writer->drain();
   if (!wasInstalled) {
     if (f.sm->prefixToSubTrie(prefix)) return RouteResult{};

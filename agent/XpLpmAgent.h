@@ -167,6 +167,9 @@ class XpLpmAgent {
   const Ptr<XpLpmNextHop::Status>& nextHopStatus() const { return nhStatus_; }
   const Ptr<XpLpmNextHop::LpmNextHopSm>& nextHopSm() const { return nhSm_; }
   const AgentCounters& counters() const { return counters_; }
+  // Time spent in the LPM state machines' route requests (the library), estimated from a sample;
+  // the writers time their own draining.
+  double librarySeconds() const { return libraryTime_.seconds(); }
   const AgentOptions& options() const { return options_; }
 
   // --- next-hop groups
@@ -319,6 +322,7 @@ class XpLpmAgent {
   HashMap<SwId, Group> groups_;
   XpLpm::LpmPrefixMap<RouteRecord> routes_;  // every wanted route
   AgentCounters counters_;
+  SampledTimer libraryTime_;
   RestartReport restartReport_;
   U64 refused_[2] = {0, 0};
   NextHopBlock scratch_;  // the scratch block, where it lies in the chip now

@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <random>
 #include <unordered_map>
@@ -25,6 +26,16 @@ std::size_t heapInUse() {
 
 double since(std::chrono::steady_clock::time_point t0) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+double cpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+double writerSeconds(const XpLpmAgent& agent) {
+  return agent.family(false).writer->seconds() + agent.family(true).writer->seconds();
 }
 
 class Progress {
@@ -112,12 +123,16 @@ void Session::program(const std::vector<Route>& routes) {
   const std::size_t chipBefore = agent_->chip().storedBytes();
   const std::size_t heapStart = heapInUse();
   Progress bar(options_.progress, "programming", routes.size());
+  const double library0 = agent_->librarySeconds(), writer0 = writerSeconds(*agent_), cpu0 = cpuSeconds();
   const auto t0 = std::chrono::steady_clock::now();
   for (std::size_t i = 0; i < routes.size(); ++i) {
     agent_->routeIs(routes[i]);
     bar.at(i);
   }
   figures_.programSeconds = since(t0);
+  figures_.programCpuSeconds = cpuSeconds() - cpu0;
+  figures_.librarySeconds = agent_->librarySeconds() - library0;
+  figures_.writerSeconds = writerSeconds(*agent_) - writer0;
   const std::size_t chipAfter = agent_->chip().storedBytes();
   const std::size_t heapEnd = heapInUse();
   // The library's model: what programming added to the heap, less what the simulated chip stored.

@@ -54,6 +54,10 @@ struct Figures {
   Tally programmed;  // right after programming
   FamilyFigures family[2];
   double programSeconds = 0;
+  double programCpuSeconds = 0;  // the process's CPU time over the same span
+  // Of the program time, estimated from samples: the LPM library's requests, and the writers'
+  // draining into the chip (the simulated chip's own work included). The rest is the agent's.
+  double librarySeconds = 0, writerSeconds = 0;
   double yardstickSeconds = 0;
   U64 memoryBytes = 0;
   U64 verifyProbes = 0, verifyMismatches = 0;
