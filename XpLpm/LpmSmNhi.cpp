@@ -26,9 +26,10 @@ bool LpmSm::isNhiBlockAvailable(U8 numPrefixes) {
   const U8 size = nhiBlockSize(numPrefixes);
   XP_TRACE(7, "LpmSm::isNhiBlockAvailable numPrefixes " << +numPrefixes << " allocate a block of " << +size);
   const bool tracing = Trace::on(7);
-  for (const auto& [tile, allocator] : nhiAllocator_) {
-    if (tracing) XP_TRACE_ON(7, "LpmSm::isNhiBlockAvailable tile " << tile << " free entries " << allocator->freeEntries());
-    if (size <= allocator->freeEntries()) return true;
+  for (const auto& entry : nhiAllocator_) {
+    const BestFitAllocator& allocator = *entry.second;
+    if (tracing) XP_TRACE_ON(7, "LpmSm::isNhiBlockAvailable tile " << entry.first << " free entries " << allocator.freeEntries());
+    if (size <= allocator.freeEntries()) return true;
   }
   return false;
 }
@@ -88,7 +89,9 @@ NhiTableIdx LpmSm::allocateNhiBlock(U8 numPrefixes) {
   NhiTileIdx lastTile = firstTile;
   const bool tracing = Trace::on(7);
   for (U32 n = 0; n < tiles; ++n) {
-    const auto& [tile, allocator] = *(nhiAllocator_.begin() + (first + n) % tiles);
+    const auto& entry = *(nhiAllocator_.begin() + (first + n) % tiles);
+    const NhiTileIdx tile = entry.first;
+    const Ptr<BestFitAllocator>& allocator = entry.second;
     if (tracing) {
       XP_TRACE_ON(7, "LpmSm::allocateNhiBlock trying to allocate in tile " << tile << " free entries "
                                                                            << allocator->freeEntries());

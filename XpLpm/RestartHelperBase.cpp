@@ -64,7 +64,9 @@ int RestartHelperBase::doRestart(bool removeStale, LpmSm* lpmSm) {
   lpmSmIs(lpmSm);
   counts_ = Counts();
   invalidEntries_.clear();
-  for (const auto& [tableId, tableConfig] : config_->prefixTableConfigMap()) {
+  for (const auto& tableEntry : config_->prefixTableConfigMap()) {
+    const PrefixTableId tableId = tableEntry.first;  // a named copy: the trace lambdas capture it
+    const Ptr<PrefixTableConfig>& tableConfig = tableEntry.second;
     Ptr<PrefixTable> table = lpmSm_->prefixTableIs(tableId, tableConfig);
     const bool tracing = Trace::on(8);
     for (U32 offset = 0; offset < tableConfig->depth(); ++offset) {

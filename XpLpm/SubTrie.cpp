@@ -135,7 +135,7 @@ void SubTrie::dump() const {
       XP_TRACE(9, "    -- prefix slot " << s << " EMPTY");
     }
   }
-  for (const auto& [slot, block] : nhiInfoKey_) XP_TRACE(9, "    -- nhBlk slot " << +slot << ' ' << block);
+  for (const auto& entry : nhiInfoKey_) XP_TRACE(9, "    -- nhBlk slot " << +entry.first << ' ' << entry.second);
 }
 
 void SubTrie::verify() const {
