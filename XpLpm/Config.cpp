@@ -1,6 +1,8 @@
 // The LPM configuration entity: attribute changes, derived geometry, least treads.
 #include "XpLpm/Config.h"
 
+#include <atomic>
+
 #include "platform/Assert.h"
 #include "platform/Exception.h"
 #include "platform/Trace.h"
@@ -100,9 +102,7 @@ void ConfigBase::availableStrideDel(U8 stride) {
 }
 
 void ConfigBase::requestIs(const Ptr<LpmPrefix>& p, const NextHopBlock& block) {
-  auto [held, added] = request_.findOrInsert(p);
-  if (!added && *held == block) return;
-  *held = block;
+  if (!request_.assign(p, block)) return;
   announce([&p](Notifiee& n) { n.onRequest(p); });
 }
 
@@ -113,7 +113,7 @@ void ConfigBase::requestDel(const Ptr<LpmPrefix>& p) {
 }
 
 void ConfigBase::requestDelAll() {
-  while (!request_.empty()) requestDel(request_.begin()->first);
+  while (!request_.empty()) requestDel((*request_.begin()).first);
 }
 
 U8 ConfigBase::keyLength() const {
@@ -175,12 +175,7 @@ void ConfigV4::populateLeastTreadForPrefixLenSettings(bool lpmTreadUserCfgd) {
   }
 }
 
-Ptr<LpmPrefixV4> ConfigV4::newLpmPrefix(const VrfAndPrefix& key) {
-  if (const Ptr<LpmPrefixV4>* held = lpmPrefix_.find(key)) return *held;
-  Ptr<LpmPrefixV4> p = lpmPrefixV4Factory(key);
-  lpmPrefix_.set(key, p);
-  return p;
-}
+Ptr<LpmPrefixV4> ConfigV4::newLpmPrefix(const VrfAndPrefix& key) { return lpmPrefix_.intern(key); }
 
 void ConfigV6::addressFamilyIs(AddressFamily af) {
   if (af == addressFamily()) return;
@@ -196,12 +191,88 @@ void ConfigV6::populateLeastTreadForPrefixLenSettings(bool lpmTreadUserCfgd) {
   }
 }
 
-Ptr<LpmPrefixV6> ConfigV6::newLpmPrefix(const VrfAndIp6Prefix& key) {
-  if (const Ptr<LpmPrefixV6>* held = lpmPrefix_.find(key)) return *held;
-  Ptr<LpmPrefixV6> p = lpmPrefixV6Factory(key);
-  lpmPrefix_.set(key, p);
+Ptr<LpmPrefixV6> ConfigV6::newLpmPrefix(const VrfAndIp6Prefix& key) { return lpmPrefix_.intern(key); }
+
+namespace {
+std::atomic<U32> nextDomain{1};
+
+Ptr<LpmPrefixV4> makeObject(const VrfAndPrefix& key) { return lpmPrefixV4Factory(key); }
+Ptr<LpmPrefixV6> makeObject(const VrfAndIp6Prefix& key) { return lpmPrefixV6Factory(key); }
+}  // namespace
+
+// Objects that outlive their configuration keep its domain: no new object of it can appear.
+template <class K, class P>
+LpmPrefixObjects<K, P>::LpmPrefixObjects() : domain_(nextDomain++) {}
+
+template <class K, class P>
+Ptr<P> LpmPrefixObjects<K, P>::intern(const K& key) {
+  if (const Ptr<P>* held = map_.find(key)) return *held;
+  Ptr<P> p;
+  if (!dropped_.empty()) {
+    p = dropped_.get(key);
+    dropped_.erase(key);
+  }
+  if (!p) {
+    p = makeObject(key);
+    p->record().domain = domain_;
+  }
+  map_.set(key, p);
   return p;
 }
+
+template <class K, class P>
+void LpmPrefixObjects<K, P>::set(const K& key, const Ptr<P>& p) {
+  const Ptr<P> held = map_.get(key);
+  if (held == p) return;
+  if (held) release(held, key);
+  if (p) {
+    // Taken as the key's object unless a dropped one still is, or another configuration's.
+    const Ptr<P> dropped = dropped_.get(key);
+    if (dropped == p) dropped_.erase(key);
+    if (!dropped && p->record().domain == 0) p->record().domain = domain_;
+  }
+  map_.set(key, p);
+}
+
+template <class K, class P>
+void LpmPrefixObjects<K, P>::erase(const K& key) {
+  const Ptr<P> held = map_.get(key);
+  if (!map_.erase(key)) return;
+  if (held) release(held, key);
+}
+
+template <class K, class P>
+void LpmPrefixObjects<K, P>::clear() {
+  while (!map_.empty()) erase(map_.begin()->first);
+}
+
+template <class K, class P>
+void LpmPrefixObjects<K, P>::release(const Ptr<P>& p, const K& key) {
+  if (p->record().domain != domain_) return;
+  if (!p->record().held()) {
+    p->record().domain = 0;
+    return;
+  }
+  dropped_.set(key, p);
+  // Dropped objects are rare (a route let go while the state machine still holds it): sweep
+  // out the ones nothing keeps any more whenever their number has doubled.
+  if (dropped_.size() >= 2 * droppedAtPrune_ + 8) pruneDropped();
+}
+
+template <class K, class P>
+void LpmPrefixObjects<K, P>::pruneDropped() {
+  std::vector<K> free;
+  for (const auto& [key, p] : dropped_)
+    if (!p->record().held()) free.push_back(key);
+  for (const K& key : free) {
+    dropped_.get(key)->record().domain = 0;
+    dropped_.erase(key);
+  }
+  droppedAtPrune_ = dropped_.size();
+}
+
+template class LpmPrefixObjects<VrfAndPrefix, LpmPrefixV4>;
+template class LpmPrefixObjects<VrfAndIp6Prefix, LpmPrefixV6>;
 
 Ptr<ConfigV4> configV4Factory(const Name& name) { return makePtr<ConfigV4>(name); }
 Ptr<ConfigV6> configV6Factory(const Name& name) { return makePtr<ConfigV6>(name); }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "XpLpm/LpmPrefix.h"
+#include "XpLpm/LpmPrefixRecordMap.h"
 #include "XpLpm/PrefixTable.h"
 #include "XpLpm/XpLpmTypes.h"
 #include "platform/HashMap.h"
@@ -96,7 +97,7 @@ class ConfigBase : public PtrInterface {
   // The routes wanted: prefix -> next-hop block; the default block when absent.
   NextHopBlock request(const Ptr<LpmPrefix>& p) const { return request_.get(p); }
   U32 requests() const { return request_.size(); }
-  const LpmPrefixMap<NextHopBlock>& requestMap() const { return request_; }
+  const LpmPrefixRecordMap<RequestField>& requestMap() const { return request_; }
   void requestIs(const Ptr<LpmPrefix>& p, const NextHopBlock& block);
   void newRequest(const Ptr<LpmPrefix>& p, const NextHopBlock& block) { requestIs(p, block); }
   void requestDel(const Ptr<LpmPrefix>& p);
@@ -140,8 +141,39 @@ class ConfigBase : public PtrInterface {
   HashMap<U8, U8> leastTreadForPrefixLen_;
   std::vector<Ptr<PrefixTable>> prefixTableSortedByTread_;
   std::map<U8, bool> availableStride_;
-  LpmPrefixMap<NextHopBlock> request_;
+  LpmPrefixRecordMap<RequestField> request_;
   NotifieeList<Notifiee> notifiees_;
+};
+
+// A configuration's one prefix object per key (the lpmPrefix collection). Its objects carry the
+// configuration's domain, which lets the route-keyed collections keep their entries in them. An
+// object dropped while such a collection still keeps an entry in it stays the key's object, to
+// come back on the next newLpmPrefix, so that a key never has two objects the collections could
+// take for two routes.
+template <class K, class P>
+class LpmPrefixObjects {
+ public:
+  using Map = HashMap<K, Ptr<P>>;
+
+  LpmPrefixObjects();
+
+  const Map& map() const { return map_; }
+  Ptr<P> get(const K& key) const { return map_.get(key); }
+  // The key's object, made on first use.
+  Ptr<P> intern(const K& key);
+  void set(const K& key, const Ptr<P>& p);
+  void erase(const K& key);
+  void clear();
+
+ private:
+  // An object leaves the collection: it stays the key's object while anything keeps it.
+  void release(const Ptr<P>& p, const K& key);
+  void pruneDropped();
+
+  U32 domain_;
+  Map map_;
+  Map dropped_;
+  U32 droppedAtPrune_ = 0;
 };
 
 class ConfigV4 : public ConfigBase {
@@ -157,14 +189,14 @@ class ConfigV4 : public ConfigBase {
   // The configuration's one prefix object for `key`, created on first use.
   Ptr<LpmPrefixV4> newLpmPrefix(const VrfAndPrefix& key);
   Ptr<LpmPrefixV4> lpmPrefix(const VrfAndPrefix& key) const { return lpmPrefix_.get(key); }
-  U32 lpmPrefixs() const { return lpmPrefix_.size(); }
-  const LpmPrefixCollection& lpmPrefixMap() const { return lpmPrefix_; }
+  U32 lpmPrefixs() const { return lpmPrefix_.map().size(); }
+  const LpmPrefixCollection& lpmPrefixMap() const { return lpmPrefix_.map(); }
   void lpmPrefixIs(const VrfAndPrefix& key, const Ptr<LpmPrefixV4>& p) { lpmPrefix_.set(key, p); }
   void lpmPrefixDel(const VrfAndPrefix& key) { lpmPrefix_.erase(key); }
   void lpmPrefixDelAll() { lpmPrefix_.clear(); }
 
  private:
-  LpmPrefixCollection lpmPrefix_;
+  LpmPrefixObjects<VrfAndPrefix, LpmPrefixV4> lpmPrefix_;
 };
 
 class ConfigV6 : public ConfigBase {
@@ -179,14 +211,14 @@ class ConfigV6 : public ConfigBase {
 
   Ptr<LpmPrefixV6> newLpmPrefix(const VrfAndIp6Prefix& key);
   Ptr<LpmPrefixV6> lpmPrefix(const VrfAndIp6Prefix& key) const { return lpmPrefix_.get(key); }
-  U32 lpmPrefixs() const { return lpmPrefix_.size(); }
-  const LpmPrefixCollection& lpmPrefixMap() const { return lpmPrefix_; }
+  U32 lpmPrefixs() const { return lpmPrefix_.map().size(); }
+  const LpmPrefixCollection& lpmPrefixMap() const { return lpmPrefix_.map(); }
   void lpmPrefixIs(const VrfAndIp6Prefix& key, const Ptr<LpmPrefixV6>& p) { lpmPrefix_.set(key, p); }
   void lpmPrefixDel(const VrfAndIp6Prefix& key) { lpmPrefix_.erase(key); }
   void lpmPrefixDelAll() { lpmPrefix_.clear(); }
 
  private:
-  LpmPrefixCollection lpmPrefix_;
+  LpmPrefixObjects<VrfAndIp6Prefix, LpmPrefixV6> lpmPrefix_;
 };
 
 Ptr<ConfigV4> configV4Factory(const Name& name);

@@ -53,20 +53,44 @@ int LpmPrefixV4::keyCompare(const LpmPrefix& o) const {
   return threeWay(vrfAndPrefix_, static_cast<const LpmPrefixV4&>(o).vrfAndPrefix_);
 }
 
-const LpmPrefixV4::KeyMap& LpmPrefixV4::orEmpty(const std::unique_ptr<KeyMap>& m) {
+const LpmPrefixV4::KeyMap& LpmPrefixV4::emptyKeyMap() {
   static const KeyMap empty;
-  return m ? *m : empty;
+  return empty;
 }
 
-void LpmPrefixV4::assign(std::unique_ptr<KeyMap>& m, const VrfAndPrefix& key, bool v) {
-  if (!m) m = std::make_unique<KeyMap>();
-  m->set(key, v);
+LpmPrefixV4::Fanout& LpmPrefixV4::fanout() {
+  if (!fanout_) fanout_ = std::make_unique<Fanout>();
+  return *fanout_;
 }
 
-void LpmPrefixV4::erase(std::unique_ptr<KeyMap>& m, const VrfAndPrefix& key) {
-  if (!m) return;
-  m->erase(key);
-  if (m->empty()) m.reset();
+void LpmPrefixV4::dropFanoutIfEmpty() {
+  if (fanout_ && !fanout_->owner && fanout_->nhBlock == NextHopBlock() && fanout_->otherOwners.empty() &&
+      fanout_->fanouts.empty())
+    fanout_.reset();
+}
+
+void LpmPrefixV4::otherOwnerListDel(const VrfAndPrefix& key) {
+  if (!fanout_) return;
+  fanout_->otherOwners.erase(key);
+  dropFanoutIfEmpty();
+}
+
+void LpmPrefixV4::otherOwnerListDelAll() {
+  if (!fanout_) return;
+  fanout_->otherOwners.clear();
+  dropFanoutIfEmpty();
+}
+
+void LpmPrefixV4::prefixFanoutListDel(const VrfAndPrefix& key) {
+  if (!fanout_) return;
+  fanout_->fanouts.erase(key);
+  dropFanoutIfEmpty();
+}
+
+void LpmPrefixV4::prefixFanoutListDelAll() {
+  if (!fanout_) return;
+  fanout_->fanouts.clear();
+  dropFanoutIfEmpty();
 }
 
 void LpmPrefixV4::createFanoutPrefixV4(U32 targetTread) {
@@ -87,10 +111,8 @@ void LpmPrefixV4::createFanoutPrefixV4(U32 targetTread) {
 }
 
 std::size_t LpmPrefixV4::heapBytes() const {
-  std::size_t bytes = 0;
-  if (otherOwnerList_) bytes += sizeof(KeyMap) + otherOwnerList_->heapBytes();
-  if (prefixFanoutList_) bytes += sizeof(KeyMap) + prefixFanoutList_->heapBytes();
-  return bytes;
+  if (!fanout_) return 0;
+  return sizeof(Fanout) + fanout_->otherOwners.heapBytes() + fanout_->fanouts.heapBytes();
 }
 
 SubTrieBranch LpmPrefixV6::branch(U8 branchLen) const {

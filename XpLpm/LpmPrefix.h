@@ -23,6 +23,28 @@ enum class AddressFamily : U32 { none = 0, ipv4 = 1, ipv6 = 2 };
 // The VRF width of every LPM key.
 inline constexpr U8 kVrfBits = 16;
 
+class SubTrie;
+
+// Where the route-keyed collections of one LPM instance keep a route: its configuration's request,
+// its Status's installed block and its state machine's sub-trie live in the route's one key object,
+// each with the route's place in that collection's order, rather than in maps of their own (see
+// LpmPrefixRecordMap). A route then costs one probe, of the configuration's key index.
+struct LpmPrefixRecord {
+  static constexpr U32 kNowhere = 0xFFFFFFFFu;
+  // The configuration whose one object for this key this is; 0 for an object made outside one.
+  U32 domain = 0;
+  // Places in the collections' orders.
+  U32 requestAt = kNowhere, installedAt = kNowhere, subTrieAt = kNowhere;
+  // An index the configuration's owner keeps for its own record of the route.
+  U32 ownerIndex = kNowhere;
+  NextHopBlock request, installed;
+  SubTrie* subTrie = nullptr;  // holds a reference while subTrieAt is set
+
+  // Whether a collection holds the route here; the configuration keeps such an object as the one
+  // for its key even after dropping it, so that no second object of the key meets them.
+  bool held() const { return requestAt != kNowhere || installedAt != kNowhere || subTrieAt != kNowhere; }
+};
+
 class LpmPrefix : public PtrInterface {
  public:
   // Key length in bits, VRF bits included.
@@ -34,18 +56,28 @@ class LpmPrefix : public PtrInterface {
 
   // Value identity, so collections keyed by prefixes hash and order by content.
   virtual AddressFamily addressFamily() const { return AddressFamily::none; }
-  virtual U32 keyHash() const { return 0; }
+  // Computed once: keys do not change.
+  U32 keyHash() const { return keyHash_; }
   bool keyEquals(const LpmPrefix& o) const {
-    return this == &o || (addressFamily() == o.addressFamily() && keyCompare(o) == 0);
+    return this == &o || (keyHash_ == o.keyHash_ && addressFamily() == o.addressFamily() && keyCompare(o) == 0);
   }
   bool keyLess(const LpmPrefix& o) const {
     if (addressFamily() != o.addressFamily()) return addressFamily() < o.addressFamily();
     return keyCompare(o) < 0;
   }
 
+  LpmPrefixRecord& record() const { return record_; }
+
  protected:
+  LpmPrefix() = default;
+  explicit LpmPrefix(U32 keyHash) : keyHash_(keyHash) {}
   // Compares with a prefix of the same family: negative, zero or positive.
   virtual int keyCompare(const LpmPrefix&) const { return 0; }
+
+ private:
+  U32 keyHash_ = 0;
+  // The collections' entries, not the key: a const prefix is still a member of them.
+  mutable LpmPrefixRecord record_;
 };
 
 std::ostream& operator<<(std::ostream& os, const LpmPrefix& p);
@@ -70,39 +102,38 @@ class LpmPrefixV4 : public LpmPrefix {
  public:
   using KeyMap = HashMap<VrfAndPrefix, bool>;
 
-  explicit LpmPrefixV4(const VrfAndPrefix& key) : vrfAndPrefix_(key) {}
+  explicit LpmPrefixV4(const VrfAndPrefix& key) : LpmPrefix(key.hash()), vrfAndPrefix_(key) {}
 
   U8 len() const override { return vrfAndPrefix_.prefix.len() + kVrfBits; }
   SubTrieBranch branch(U8 branchLen) const override;
   std::string stringValue() const override;
   AddressFamily addressFamily() const override { return AddressFamily::ipv4; }
-  U32 keyHash() const override { return vrfAndPrefix_.hash(); }
 
   const VrfAndPrefix& vrfAndPrefix() const { return vrfAndPrefix_; }
 
-  const Ptr<LpmPrefixV4>& ownerLpmPrefix() const { return ownerLpmPrefix_; }
-  void ownerLpmPrefixIs(const Ptr<LpmPrefixV4>& owner) { ownerLpmPrefix_ = owner; }
+  Ptr<LpmPrefixV4> ownerLpmPrefix() const { return fanout_ ? fanout_->owner : Ptr<LpmPrefixV4>(); }
+  void ownerLpmPrefixIs(const Ptr<LpmPrefixV4>& owner) { fanout().owner = owner; }
 
-  const NextHopBlock& nhBlock() const { return nhBlock_; }
-  void nhBlockIs(const NextHopBlock& b) { nhBlock_ = b; }
+  NextHopBlock nhBlock() const { return fanout_ ? fanout_->nhBlock : NextHopBlock(); }
+  void nhBlockIs(const NextHopBlock& b) { fanout().nhBlock = b; }
 
   // Further requested prefixes that produced this same fanout prefix.
-  bool otherOwnerList(const VrfAndPrefix& key) const { return lookup(otherOwnerList_, key); }
-  U32 otherOwnerLists() const { return otherOwnerList_ ? otherOwnerList_->size() : 0; }
-  const KeyMap& otherOwnerListMap() const { return orEmpty(otherOwnerList_); }
-  void otherOwnerListIs(const VrfAndPrefix& key, bool v) { assign(otherOwnerList_, key, v); }
-  void newOtherOwnerList(const VrfAndPrefix& key, bool v) { assign(otherOwnerList_, key, v); }
-  void otherOwnerListDel(const VrfAndPrefix& key) { erase(otherOwnerList_, key); }
-  void otherOwnerListDelAll() { otherOwnerList_.reset(); }
+  bool otherOwnerList(const VrfAndPrefix& key) const { return fanout_ && fanout_->otherOwners.get(key); }
+  U32 otherOwnerLists() const { return fanout_ ? fanout_->otherOwners.size() : 0; }
+  const KeyMap& otherOwnerListMap() const { return fanout_ ? fanout_->otherOwners : emptyKeyMap(); }
+  void otherOwnerListIs(const VrfAndPrefix& key, bool v) { fanout().otherOwners.set(key, v); }
+  void newOtherOwnerList(const VrfAndPrefix& key, bool v) { otherOwnerListIs(key, v); }
+  void otherOwnerListDel(const VrfAndPrefix& key);
+  void otherOwnerListDelAll();
 
   // The fanout prefixes that this prefix produced.
-  bool prefixFanoutList(const VrfAndPrefix& key) const { return lookup(prefixFanoutList_, key); }
-  U32 prefixFanoutLists() const { return prefixFanoutList_ ? prefixFanoutList_->size() : 0; }
-  const KeyMap& prefixFanoutListMap() const { return orEmpty(prefixFanoutList_); }
-  void prefixFanoutListIs(const VrfAndPrefix& key, bool v) { assign(prefixFanoutList_, key, v); }
-  void newPrefixFanoutList(const VrfAndPrefix& key, bool v) { assign(prefixFanoutList_, key, v); }
-  void prefixFanoutListDel(const VrfAndPrefix& key) { erase(prefixFanoutList_, key); }
-  void prefixFanoutListDelAll() { prefixFanoutList_.reset(); }
+  bool prefixFanoutList(const VrfAndPrefix& key) const { return fanout_ && fanout_->fanouts.get(key); }
+  U32 prefixFanoutLists() const { return fanout_ ? fanout_->fanouts.size() : 0; }
+  const KeyMap& prefixFanoutListMap() const { return fanout_ ? fanout_->fanouts : emptyKeyMap(); }
+  void prefixFanoutListIs(const VrfAndPrefix& key, bool v) { fanout().fanouts.set(key, v); }
+  void newPrefixFanoutList(const VrfAndPrefix& key, bool v) { prefixFanoutListIs(key, v); }
+  void prefixFanoutListDel(const VrfAndPrefix& key);
+  void prefixFanoutListDelAll();
 
   // Expands this prefix into every prefix of key length targetTread that it covers.
   void createFanoutPrefixV4(U32 targetTread);
@@ -114,28 +145,29 @@ class LpmPrefixV4 : public LpmPrefix {
   int keyCompare(const LpmPrefix& o) const override;
 
  private:
-  // Fanout bookkeeping is rare; an empty collection costs one null pointer.
-  static bool lookup(const std::unique_ptr<KeyMap>& m, const VrfAndPrefix& key) { return m && m->get(key); }
-  static const KeyMap& orEmpty(const std::unique_ptr<KeyMap>& m);
-  static void assign(std::unique_ptr<KeyMap>& m, const VrfAndPrefix& key, bool v);
-  static void erase(std::unique_ptr<KeyMap>& m, const VrfAndPrefix& key);
+  // Fanout bookkeeping is rare: it costs one null pointer until used, and goes when empty.
+  struct Fanout {
+    Ptr<LpmPrefixV4> owner;
+    NextHopBlock nhBlock;
+    KeyMap otherOwners;
+    KeyMap fanouts;
+  };
+  Fanout& fanout();
+  void dropFanoutIfEmpty();
+  static const KeyMap& emptyKeyMap();
 
   const VrfAndPrefix vrfAndPrefix_;
-  Ptr<LpmPrefixV4> ownerLpmPrefix_;
-  std::unique_ptr<KeyMap> otherOwnerList_;
-  std::unique_ptr<KeyMap> prefixFanoutList_;
-  NextHopBlock nhBlock_;
+  std::unique_ptr<Fanout> fanout_;
 };
 
 class LpmPrefixV6 : public LpmPrefix {
  public:
-  explicit LpmPrefixV6(const VrfAndIp6Prefix& key) : vrfAndIp6Prefix_(key) {}
+  explicit LpmPrefixV6(const VrfAndIp6Prefix& key) : LpmPrefix(key.hash()), vrfAndIp6Prefix_(key) {}
 
   U8 len() const override { return vrfAndIp6Prefix_.prefix.len() + kVrfBits; }
   SubTrieBranch branch(U8 branchLen) const override;
   std::string stringValue() const override;
   AddressFamily addressFamily() const override { return AddressFamily::ipv6; }
-  U32 keyHash() const override { return vrfAndIp6Prefix_.hash(); }
 
   const VrfAndIp6Prefix& vrfAndIp6Prefix() const { return vrfAndIp6Prefix_; }
 

@@ -46,9 +46,7 @@ void Status::pendingCmdMetadataIs(const QueueMetadata& md) {
 }
 
 void Status::prefixToNextHopBlockIs(const Ptr<LpmPrefix>& p, const NextHopBlock& block) {
-  auto [held, added] = prefixToNextHopBlock_.findOrInsert(p);
-  if (!added && *held == block) return;
-  *held = block;
+  if (!prefixToNextHopBlock_.assign(p, block)) return;
   notifiees_.announce([&p](Notifiee& n) { n.onPrefixToNextHopBlock(p); });
 }
 
@@ -59,7 +57,7 @@ void Status::prefixToNextHopBlockDel(const Ptr<LpmPrefix>& p) {
 }
 
 void Status::prefixToNextHopBlockDelAll() {
-  while (!prefixToNextHopBlock_.empty()) prefixToNextHopBlockDel(prefixToNextHopBlock_.begin()->first);
+  while (!prefixToNextHopBlock_.empty()) prefixToNextHopBlockDel((*prefixToNextHopBlock_.begin()).first);
 }
 
 Ptr<Status> statusFactory(const Name& name) { return makePtr<Status>(name); }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "XpLpm/LpmPrefix.h"
+#include "XpLpm/LpmPrefixRecordMap.h"
 #include "XpLpm/XpLpmTypes.h"
 #include "platform/LinkQueue.h"
 #include "platform/Notifier.h"
@@ -115,7 +116,7 @@ class Status : public PtrInterface {
   // The block of an installed prefix, or the default block.
   NextHopBlock prefixToNextHopBlock(const Ptr<LpmPrefix>& p) const { return prefixToNextHopBlock_.get(p); }
   U32 prefixToNextHopBlocks() const { return prefixToNextHopBlock_.size(); }
-  const LpmPrefixMap<NextHopBlock>& prefixToNextHopBlockMap() const { return prefixToNextHopBlock_; }
+  const LpmPrefixRecordMap<InstalledField>& prefixToNextHopBlockMap() const { return prefixToNextHopBlock_; }
   void prefixToNextHopBlockIs(const Ptr<LpmPrefix>& p, const NextHopBlock& block);
   void prefixToNextHopBlockDel(const Ptr<LpmPrefix>& p);
   void prefixToNextHopBlockDelAll();
@@ -126,7 +127,7 @@ class Status : public PtrInterface {
  private:
   Name name_;
   LinkQueue<Ptr<CommandBase>> pendingCmd_;
-  LpmPrefixMap<NextHopBlock> prefixToNextHopBlock_;
+  LpmPrefixRecordMap<InstalledField> prefixToNextHopBlock_;
   NotifieeList<Notifiee> notifiees_;
 };
 

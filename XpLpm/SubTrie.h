@@ -9,6 +9,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "XpLpm/LpmPrefix.h"
@@ -141,6 +142,18 @@ class SubTrieSet : public PtrInterface {
 };
 
 Ptr<SubTrieSet> subTrieSetFactory();
+
+// The state machine's sub-trie of a route, kept in the route's record (see LpmPrefixRecordMap);
+// the record holds a reference to it.
+struct SubTrieField {
+  using Value = Ptr<SubTrie>;
+  static U32& at(LpmPrefixRecord& r) { return r.subTrieAt; }
+  static Ptr<SubTrie> get(const LpmPrefixRecord& r) { return Ptr<SubTrie>(r.subTrie); }
+  static void put(LpmPrefixRecord& r, const Ptr<SubTrie>& v) {
+    if (v) v->newRef();
+    if (SubTrie* old = std::exchange(r.subTrie, v.ptr())) old->deleteRef();
+  }
+};
 
 }  // namespace XpLpm
 }  // namespace XpLib

@@ -163,9 +163,9 @@ class LpmSm : public PtrInterface {
 
   Ptr<SubTrie> prefixToSubTrie(const Ptr<LpmPrefix>& prefix) const { return prefixToSubTrie_.get(prefix); }
   U32 prefixToSubTries() const { return prefixToSubTrie_.size(); }
-  const LpmPrefixMap<Ptr<SubTrie>>& prefixToSubTrieMap() const { return prefixToSubTrie_; }
+  const LpmPrefixRecordMap<SubTrieField>& prefixToSubTrieMap() const { return prefixToSubTrie_; }
   void prefixToSubTrieIs(const Ptr<LpmPrefix>& prefix, const Ptr<SubTrie>& subTrie) {
-    prefixToSubTrie_.set(prefix, subTrie);
+    prefixToSubTrie_.assign(prefix, subTrie);
   }
   void prefixToSubTrieDel(const Ptr<LpmPrefix>& prefix) { prefixToSubTrie_.erase(prefix); }
 
@@ -222,7 +222,7 @@ class LpmSm : public PtrInterface {
   HashMap<NhiTableIdx, Ptr<Blk>> nhiBaseIdxToBlk_;
   HashMap<NhiTableIdx, Ptr<SubTrieSet>> nhiBaseIdxToSubTrie_;
   HashMap<NhiInfoKey, Ptr<NhiInfo>, NhiInfoKeyHash> sharedNhi_;
-  LpmPrefixMap<Ptr<SubTrie>> prefixToSubTrie_;
+  LpmPrefixRecordMap<SubTrieField> prefixToSubTrie_;
   U64 numNhiOverflow_ = 0;
   U64 numNhiBlockDefrag_ = 0;
   U64 numHashShufflingAttempt_ = 0;
