@@ -35,9 +35,11 @@ struct LpmPrefixRecord {
   U32 domain = 0;
   // Places in the collections' orders.
   U32 requestAt = kNowhere, installedAt = kNowhere, subTrieAt = kNowhere;
-  // An index the configuration's owner keeps for its own record of the route.
-  U32 ownerIndex = kNowhere;
+  // Room for the configuration's owner (the agent) to keep its own record of the route: a place
+  // in one of its lists, a word and a tag. The library never reads them.
+  U32 ownerAt = kNowhere, ownerWord = 0;
   NextHopBlock request, installed;
+  U64 ownerTag = 0;
   SubTrie* subTrie = nullptr;  // holds a reference while subTrieAt is set
 
   // Whether a collection holds the route here; the configuration keeps such an object as the one

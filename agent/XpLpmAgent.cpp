@@ -282,7 +282,7 @@ XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& want
     Family& f = family(v6);
     std::vector<Ptr<XpLpm::LpmPrefix>> unwanted;
     for (const auto& [prefix, block] : f.config->requestMap())
-      if (!routes_.contains(prefix)) unwanted.push_back(prefix);
+      if (!isWanted(prefix)) unwanted.push_back(prefix);
     for (const auto& prefix : unwanted) {
       withdraw(prefix);
       ++report.withdrawn;
@@ -331,7 +331,7 @@ bool XpLpmAgent::admitsRepointing(SwId group) const {
   const Group* g = groups_.find(group);
   if (!options_.nhiReserve || !g) return true;
   U64 routes[2] = {0, 0};
-  for (const auto& [prefix, unused] : g->routes) {
+  for (const Ptr<XpLpm::LpmPrefix>& prefix : g->routes) {
     const bool v6 = prefix->addressFamily() == XpLpm::AddressFamily::ipv6;
     routes[v6] += static_cast<bool>(family(v6).sm->prefixToSubTrie(prefix));
   }
@@ -360,9 +360,9 @@ void XpLpmAgent::groupDel(SwId group) {
   if (!g) return;
   scratchIs(std::max<U32>(g->width.value(), scratch_ == NextHopBlock() ? 8 : scratch_.size().value()));
   g = groups_.find(group);
-  for (const auto& [prefix, unused] : g->routes) {
+  for (const Ptr<XpLpm::LpmPrefix>& prefix : g->routes) {
     withdraw(prefix);
-    routes_.erase(prefix);
+    prefix->record().ownerAt = XpLpm::LpmPrefixRecord::kNowhere;
   }
   groups_.erase(group);
   nhConfig_->requestDel(group);
@@ -466,7 +466,8 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
   if (!g) return;
   g->read = block;
   // Re-requesting may withdraw a route but never changes the group's membership.
-  for (const auto& [prefix, unused] : g->routes) {
+  for (U32 i = 0; i < g->routes.size(); ++i) {
+    const Ptr<XpLpm::LpmPrefix>& prefix = g->routes[i];
     Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
     if (which == Repoint::installedOnly && !f.sm->prefixToSubTrie(prefix)) {
       // Not in the chip: nothing reads it, and a request left on the old block would be placed
@@ -475,7 +476,7 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
       continue;
     }
     const RouteResult result = requestRoute(prefix, block, Admission::skip);
-    if (RouteRecord* record = routes_.find(prefix)) record->result = result;
+    recordResultIs(prefix, result);
     ++counters_.routesRepointed;
   }
 }
@@ -537,7 +538,7 @@ void XpLpmAgent::retryDeferredWithdrawals() {
   for (const auto& prefix : waiting) {
     if (!deferred_.contains(prefix)) continue;
     deferred_.erase(prefix);
-    if (withdraw(prefix) && !routes_.contains(prefix)) forgetPrefix(prefix);
+    if (withdraw(prefix) && !isWanted(prefix)) forgetPrefix(prefix);
   }
 }
 
@@ -582,10 +583,35 @@ RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const 
   return RouteResult{};
 }
 
+void XpLpmAgent::joinGroup(const Ptr<XpLpm::LpmPrefix>& prefix, SwId group) {
+  Group& g = groupIs(group);
+  XpLpm::LpmPrefixRecord& record = prefix->record();
+  record.ownerTag = group.value();
+  record.ownerAt = static_cast<U32>(g.routes.size());
+  g.routes.push_back(prefix);
+}
+
 void XpLpmAgent::leaveGroup(const Ptr<XpLpm::LpmPrefix>& prefix) {
-  const RouteRecord* record = routes_.find(prefix);
-  if (!record) return;
-  if (Group* g = groups_.find(record->group)) g->routes.erase(prefix);
+  XpLpm::LpmPrefixRecord& record = prefix->record();
+  if (record.ownerAt == XpLpm::LpmPrefixRecord::kNowhere) return;
+  const U32 at = record.ownerAt;
+  record.ownerAt = XpLpm::LpmPrefixRecord::kNowhere;
+  Group* g = groups_.find(recordGroup(prefix));
+  if (!g) return;
+  if (at + 1 != g->routes.size()) {
+    g->routes[at] = std::move(g->routes.back());
+    g->routes[at]->record().ownerAt = at;
+  }
+  g->routes.pop_back();
+}
+
+RouteResult XpLpmAgent::recordResult(const Ptr<XpLpm::LpmPrefix>& p) {
+  const U32 word = p->record().ownerWord;
+  return RouteResult{static_cast<RouteState>(word & 0xFF), static_cast<XpLpm::RouteReturnCode>(word >> 8)};
+}
+
+void XpLpmAgent::recordResultIs(const Ptr<XpLpm::LpmPrefix>& p, const RouteResult& result) {
+  p->record().ownerWord = static_cast<U32>(result.state) | static_cast<U32>(result.lpmCode) << 8;
 }
 
 Ptr<XpLpm::LpmPrefix> XpLpmAgent::prefixOf(const Route& r) {
@@ -601,26 +627,24 @@ Ptr<XpLpm::LpmPrefix> XpLpmAgent::findPrefix(const Route& r) const {
 RouteResult XpLpmAgent::routeIs(const Route& r) {
   Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
   const SwId group = groupOf(r);
-  if (const RouteRecord* held = routes_.find(prefix); held && held->group != group) leaveGroup(prefix);
-  Group& g = groupIs(group);
-  g.routes.set(prefix, true);
+  if (isWanted(prefix) && recordGroup(prefix) != group) leaveGroup(prefix);
+  if (!isWanted(prefix)) joinGroup(prefix, group);
+  Group& g = *groups_.find(group);  // found again: joining may have added a group
   g.read = groupBlock(group);
   const RouteResult result = requestRoute(prefix, g.read, Admission::check);
-  routes_.set(prefix, RouteRecord{group, result});
+  recordResultIs(prefix, result);
   return result;
 }
 
 RouteResult XpLpmAgent::routeState(const Route& r) const {
   const Ptr<XpLpm::LpmPrefix> prefix = findPrefix(r);
-  const RouteRecord* record = prefix ? routes_.find(prefix) : nullptr;
-  return record ? record->result : RouteResult{RouteState::lpmRefused, XpLpm::fail};
+  return prefix && isWanted(prefix) ? recordResult(prefix) : RouteResult{RouteState::lpmRefused, XpLpm::fail};
 }
 
 void XpLpmAgent::routeDel(const Route& r) {
   Ptr<XpLpm::LpmPrefix> prefix = findPrefix(r);
   if (!prefix) return;
   leaveGroup(prefix);
-  routes_.erase(prefix);
   // A withdrawn route's key object is no longer needed by anyone; a deferred withdrawal keeps
   // it while the machine still holds the prefix.
   if (withdraw(prefix)) forgetPrefix(prefix);
@@ -638,7 +662,7 @@ NextHopBlock XpLpmAgent::installedBlock(const Route& r) {
 
 U64 XpLpmAgent::routesWithoutGroupBlock() const {
   U64 n = 0;
-  for (const auto& [prefix, record] : routes_) n += groupBlock(record.group) == NextHopBlock();
+  for (const auto& [group, g] : groups_) n += groupBlock(group) == NextHopBlock() ? g.routes.size() : 0;
   return n;
 }
 

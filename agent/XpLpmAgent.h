@@ -255,14 +255,22 @@ class XpLpmAgent {
  private:
   struct Group {
     Nway width;
-    XpLpm::LpmPrefixMap<bool> routes;  // the group's routes, of both families
+    // The group's routes, of both families, in the order they joined; a route that leaves is
+    // replaced by the last one. Each route's record knows its place here.
+    std::vector<Ptr<XpLpm::LpmPrefix>> routes;
     NextHopBlock read;  // the block its routes were last pointed at
   };
-  // A wanted route: its group and what became of it.
-  struct RouteRecord {
-    SwId group;
-    RouteResult result;
-  };
+  // A wanted route's record lives in its prefix object, the configuration's one object for its
+  // key: its group, its place in the group's list and what became of it. No map is probed to
+  // find it.
+  static bool isWanted(const Ptr<XpLpm::LpmPrefix>& p) {
+    return p->record().ownerAt != XpLpm::LpmPrefixRecord::kNowhere;
+  }
+  static SwId recordGroup(const Ptr<XpLpm::LpmPrefix>& p) { return SwId(p->record().ownerTag); }
+  static RouteResult recordResult(const Ptr<XpLpm::LpmPrefix>& p);
+  static void recordResultIs(const Ptr<XpLpm::LpmPrefix>& p, const RouteResult& result);
+  // Makes the route wanted, as a member of `group`.
+  void joinGroup(const Ptr<XpLpm::LpmPrefix>& prefix, SwId group);
 
   void configure();
   // Stops with AgentError when the chip and the configuration disagree on the geometry.
@@ -307,6 +315,7 @@ class XpLpmAgent {
   void retryDeferredWithdrawals();
   // Drops the configuration's key object of a route nobody wants any more.
   void forgetPrefix(const Ptr<XpLpm::LpmPrefix>& prefix);
+  // The route is no longer wanted: it leaves its group's list and its record is cleared.
   void leaveGroup(const Ptr<XpLpm::LpmPrefix>& prefix);
 
   XpXdk::xpChipProfile profile_;
@@ -320,7 +329,6 @@ class XpLpmAgent {
   Ptr<XpLpmNextHop::LpmNextHopSm> nhSm_;
   Family v4_, v6_;
   HashMap<SwId, Group> groups_;
-  XpLpm::LpmPrefixMap<RouteRecord> routes_;  // every wanted route
   AgentCounters counters_;
   SampledTimer libraryTime_;
   RestartReport restartReport_;
