@@ -62,6 +62,10 @@ void buildCli(CLI::App& app, Options& c) {
     addCommon(sub, c);
     sub->callback([&c, sub] { c.command = sub->get_name(); });
   }
+  for (auto* sub : {run, restart, churn})
+    sub->add_flag("--check", c.check,
+                  "at the end, check every invariant of the state machines' models (a broken one stops the tool) "
+                  "and report what was checked");
   churn->add_option("--ops", c.ops, "operations of churn, up to 10^9 (default 100000)")
       ->check(kCount & CLI::Range(XpLib::U64(0), XpLib::U64(1000000000)));
   restart->add_option("--changes", c.changes,

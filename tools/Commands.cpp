@@ -7,6 +7,7 @@
 
 #include "Environment.h"
 #include "Human.h"
+#include "JsonDocument.h"
 #include "ProfileInput.h"
 #include "Report.h"
 
@@ -33,8 +34,8 @@ RouteSet loadRoutes(const Options& c) {
                         : std::string(XPLPM_DATA_DIR) + (filter == FamilyFilter::ipv6 ? "/routes-v6.txt.gz" : "/routes-v4.txt.gz");
   RouteSet set = readRoutes(path, filter, c.skipBad);
   if (!set.badLines.empty() && !c.skipBad) throw BadInput({set.badLines.front()});
-  for (const auto& bad : set.badLines) printInputError(bad, " (skipped)");
-  if (set.routes.empty()) badInput(set.source, noRoutes(set, c));
+  for (const auto& bad : set.badLines) printInputError(bad, c.json, true);
+  if (set.routes.empty()) badFile(set.source, 0, noRoutes(set, c));
   return set;
 }
 
@@ -69,7 +70,7 @@ Programmed programmed(const Options& c, bool verify) {
 int finish(const nlohmann::json& j, const Options& c) {
   const int status = exitStatus(j, c.allowFailed);
   if (c.json) {
-    std::cout << j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+    writeJson(std::cout, j);
   } else {
     printHuman(j, status);
   }

@@ -95,6 +95,16 @@ void printChurn(const json& ch) {
   printFailures(ch, "             ");
 }
 
+void printCheck(const json& ch) {
+  for (const char* family : {"ipv4", "ipv6"}) {
+    const auto& f = ch[family];
+    std::printf("%s%s: %llu sub-tries, %llu routes (%llu lagging their request), %llu NHI blocks, %llu sharing records\n",
+                family[3] == '4' ? "  check      " : "             ", family, u(f["subtries"]), u(f["routes"]),
+                u(f["routes_stale"]), u(f["blocks"]), u(f["shared_records"]));
+  }
+  std::printf("             next hops: %llu groups; every invariant holds\n", u(ch["nexthop"]["groups"]));
+}
+
 const char* verdict(int status) {
   switch (status) {
     case exitOk: return "everything asked for holds";
@@ -116,6 +126,7 @@ void printHuman(const json& j, int status) {
                 u(j["verify"]["mismatches"]) == 0 ? "every lookup forwards as its longest match" : "MISMATCHES");
   if (j.contains("restart")) printRestart(j["restart"]);
   if (j.contains("churn")) printChurn(j["churn"]);
+  if (j.contains("check")) printCheck(j["check"]);
   std::printf("  result     exit %d: %s\n", status, verdict(status));
 }
 

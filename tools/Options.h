@@ -24,6 +24,7 @@ struct Options {
   XpLib::U64 changes = 0;
   bool skipBad = false;
   bool allowFailed = false;
+  bool check = false;  // run, restart, churn: the state machines' own checks at the end
   std::string what;  // show
   std::string svg;   // show fill
   std::string profileName;   // profile show

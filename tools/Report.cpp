@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "Errors.h"
+#include "JsonDocument.h"
 
 namespace xplpm {
 
@@ -113,20 +114,21 @@ json runJson(Session& s, const RouteSet& set, const Options& c) {
   const Figures& f = s.figures();
   const U64 requested = f.programmed.requestedAll(), installed = f.programmed.installedAll();
   const std::string family = familyName(set, c);
-  json j{{"command", c.command},
-         {"family", family},
-         {"profile", s.profile().name},
-         {"routes", routesJson(f, set)},
-         {"program",
-          {{"seconds", f.programSeconds}, {"routes_per_second", f.programSeconds > 0 ? requested / f.programSeconds : 0}}},
-         {"yardstick",
-          {{"seconds", f.yardstickSeconds},
-           {"routes_per_second", f.yardstickSeconds > 0 ? requested / f.yardstickSeconds : 0}}},
-         {"commands", commandsJson(s)},
-         {"hardware", hardwareJson(s)},
-         {"memory", {{"bytes", f.memoryBytes}, {"bytes_per_route", installed ? double(f.memoryBytes) / installed : 0}}},
-         {"tables", tablesJson(s, family == "mixed")},
-         {"nhi", nhiJson(s)}};
+  json j = documentHeader(c.command);
+  j.update({{"family", family},
+            {"input", set.source},
+            {"profile", s.profile().name},
+            {"routes", routesJson(f, set)},
+            {"program",
+             {{"seconds", f.programSeconds}, {"routes_per_second", f.programSeconds > 0 ? requested / f.programSeconds : 0}}},
+            {"yardstick",
+             {{"seconds", f.yardstickSeconds},
+              {"routes_per_second", f.yardstickSeconds > 0 ? requested / f.yardstickSeconds : 0}}},
+            {"commands", commandsJson(s)},
+            {"hardware", hardwareJson(s)},
+            {"memory", {{"bytes", f.memoryBytes}, {"bytes_per_route", installed ? double(f.memoryBytes) / installed : 0}}},
+            {"tables", tablesJson(s, family == "mixed")},
+            {"nhi", nhiJson(s)}});
   if (!f.programmed.samples.empty()) j["failure_samples"] = f.programmed.samples;
   return j;
 }
@@ -135,6 +137,17 @@ void refreshChipJson(Session& s, json& j) {
   s.survey();
   j["tables"] = tablesJson(s, j["family"] == "mixed");
   j["nhi"] = nhiJson(s);
+}
+
+json checkJson(XpLib::Agent::XpLpmAgent& agent) {
+  json j;
+  for (bool v6 : {false, true}) {
+    const XpLib::XpLpm::LpmSm::VerifyCounts n = agent.family(v6).sm->verify();
+    j[v6 ? "ipv6" : "ipv4"] = {{"subtries", n.subTries}, {"routes", n.routes}, {"routes_stale", n.routesStale},
+                               {"blocks", n.blocks}, {"shared_records", n.sharedRecords}};
+  }
+  j["nexthop"] = {{"groups", agent.nextHopSm()->verify()}};
+  return j;
 }
 
 int exitStatus(const json& j, bool allowFailed) {

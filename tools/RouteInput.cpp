@@ -67,7 +67,7 @@ class Collector {
       return true;
     }
     if (kind == LineKind::error) {
-      set_.badLines.push_back({set_.source + std::string(":") + std::to_string(set_.lines), why});
+      set_.badLines.push_back(fileError(set_.source, set_.lines, why));
       return skipBad_;
     }
     keep(r);

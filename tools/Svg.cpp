@@ -44,7 +44,7 @@ std::vector<std::pair<std::string, double>> fillRows(Session& s) {
 
 void writeFillSvg(Session& s, const std::string& path) {
   std::ofstream out(path);
-  if (!out) badInput(path, "cannot write the file");
+  if (!out) badFile(path, 0, "cannot write the file");
   const auto rows = fillRows(s);
   const int h = 22 * static_cast<int>(rows.size()) + 40;
   out << "<svg xmlns='http://www.w3.org/2000/svg' width='760' height='" << h << "' font-family='sans-serif' font-size='12'>\n"
@@ -58,7 +58,7 @@ void writeFillSvg(Session& s, const std::string& path) {
     y += 22;
   }
   out << "</svg>\n";
-  if (!out.flush()) badInput(path, "cannot write the file");
+  if (!out.flush()) badFile(path, 0, "cannot write the file");
 }
 
 }  // namespace xplpm
