@@ -22,6 +22,8 @@ std::string noRoutes(const RouteSet& set, const Options& c) {
     return "no " + c.family + std::string(" routes (") + std::to_string(set.otherFamily) + " of the other family; --family selects)";
   if (!set.badLines.empty())
     return std::string("no routes: all ") + std::to_string(set.badLines.size()) + " route lines are bad";
+  if (set.withdrawn > 0)
+    return std::string("no routes: all ") + std::to_string(set.withdrawn) + " prefixes given were withdrawn again";
   return std::string("no routes: ") + std::to_string(set.lines) + " lines, all blank or comments";
 }
 
@@ -61,7 +63,11 @@ Programmed programmed(const Options& c, bool verify) {
   p.session = std::make_unique<Session>(profile, runOptions(c));
   p.session->agentIs(startAgent(profile, p.session->options().agent));
   checkGroupWidths(p.session->agent(), c.groups);
-  p.session->program(p.set.routes);
+  if (p.set.ops.empty()) {
+    p.session->program(p.set.routes);
+  } else {
+    p.session->replay(p.set.ops, p.set.routes);
+  }
   p.session->survey();
   if (verify) p.session->verify(p.set.routes);
   return p;

@@ -41,6 +41,9 @@ void printRoutes(const json& j) {
   const auto& r = j["routes"];
   std::printf("  routes     requested %llu, installed %llu, failed %llu (duplicates %llu, bad lines %llu)\n",
               u(r["requested"]), u(r["installed"]), u(r["failed"]), u(r["duplicates"]), u(r["bad_lines"]));
+  if (u(r["replayed"]) > 0)
+    std::printf("             %llu requests replayed in order: %llu withdrawal lines, %llu prefixes withdrawn at the end\n",
+                u(r["replayed"]), u(r["withdrawals"]), u(r["withdrawn"]));
   printFailures(r, "             ");
   if (j.contains("failure_samples"))
     for (const auto& sample : j["failure_samples"]) std::printf("             e.g. %s\n", s(sample));

@@ -27,6 +27,9 @@ json routesJson(const Figures& f, const RouteSet& set) {
   r["lines"] = set.lines;
   r["blank_lines"] = set.blank;
   r["other_family"] = set.otherFamily;
+  r["withdrawals"] = set.withdrawals;
+  r["withdrawn"] = set.withdrawn;
+  r["replayed"] = set.ops.size();
   return r;
 }
 

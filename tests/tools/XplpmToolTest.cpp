@@ -1,6 +1,8 @@
 // The xplpm tool run as a process: its figures, its exit statuses, and its
 // answers to bad input.
 #include <gtest/gtest.h>
+#include <archive.h>
+#include <archive_entry.h>
 #include <sys/wait.h>
 #include <zlib.h>
 
@@ -50,11 +52,20 @@ std::string writeFile(const std::string& name, const std::string& text) {
   return path;
 }
 
-std::string writeGz(const std::string& name, const std::string& text, std::size_t keep = std::string::npos) {
+// The text compressed by libarchive's filter (ARCHIVE_FILTER_GZIP, _BZIP2, _XZ), cut to `keep` bytes.
+std::string writeCompressed(const std::string& name, const std::string& text, int filter,
+                            std::size_t keep = std::string::npos) {
   const std::string path = scratch(name);
-  gzFile f = gzopen(path.c_str(), "wb");
-  gzwrite(f, text.data(), static_cast<unsigned>(text.size()));
-  gzclose(f);
+  archive* a = archive_write_new();
+  archive_write_add_filter(a, filter);
+  archive_write_set_format_raw(a);
+  archive_write_open_filename(a, path.c_str());
+  archive_entry* entry = archive_entry_new();
+  archive_entry_set_filetype(entry, AE_IFREG);
+  archive_write_header(a, entry);
+  archive_write_data(a, text.data(), text.size());
+  archive_entry_free(entry);
+  archive_write_free(a);
   if (keep != std::string::npos) {  // cut the compressed file short
     std::ifstream in(path, std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(in)), {});
@@ -107,14 +118,26 @@ TEST(XplpmToolTest, RunAccountsForEveryLineAndVerifies) {
   EXPECT_EQ(prefixes, 4u);
 }
 
-TEST(XplpmToolTest, GzipBgpdumpAndStandardInputReadTheSameRoutes) {
-  Result mixed = run("run --profile small --routes " + writeGz("routes.txt.gz", kRoutes) + " --json");
-  ASSERT_EQ(mixed.status, 0) << mixed.err;
-  EXPECT_EQ(jsonOf(mixed)["family"], "mixed");
-  EXPECT_EQ(jsonOf(mixed)["routes"]["installed"], 6);
-  Result piped = run("run --profile small --routes - --json < " + writeGz("stdin.txt.gz", kRoutes));
-  ASSERT_EQ(piped.status, 0) << piped.err;
-  EXPECT_EQ(jsonOf(piped)["commands"]["digest"], jsonOf(mixed)["commands"]["digest"]);
+TEST(XplpmToolTest, CompressedBgpdumpAndStandardInputReadTheSameRoutes) {
+  Result plain = run("run --profile small --routes " + writeFile("routes.txt", kRoutes) + " --json");
+  ASSERT_EQ(plain.status, 0) << plain.err;
+  EXPECT_EQ(jsonOf(plain)["family"], "mixed");
+  EXPECT_EQ(jsonOf(plain)["routes"]["installed"], 6);
+  struct Case {
+    const char* name;
+    int filter;
+    bool piped;
+  } cases[] = {{"routes.txt.gz", ARCHIVE_FILTER_GZIP, false}, {"routes.txt.bz2", ARCHIVE_FILTER_BZIP2, false},
+               {"routes.txt.xz", ARCHIVE_FILTER_XZ, false},   {"stdin.bz2", ARCHIVE_FILTER_BZIP2, true},
+               {"stdin.txt", ARCHIVE_FILTER_NONE, true}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string file = writeCompressed(c.name, kRoutes, c.filter);
+    Result r = run("run --profile small --json --routes " + (c.piped ? "- < " + file : file));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(jsonOf(r)["commands"]["digest"], jsonOf(plain)["commands"]["digest"]);
+    EXPECT_EQ(jsonOf(r)["input"], c.piped ? "standard input" : file);
+  }
   // The peer originated the third route itself: its empty path names the peer's AS.
   const std::string bgp = writeFile("rib.txt",
                                     "TABLE_DUMP2|1700000000|B|192.0.2.1|64500|10.0.0.0/8|64500 3356 15169|IGP\n"
@@ -125,6 +148,25 @@ TEST(XplpmToolTest, GzipBgpdumpAndStandardInputReadTheSameRoutes) {
   ASSERT_EQ(b.status, 0) << b.err;
   EXPECT_EQ(jsonOf(b)["routes"]["requested"], 3);
   EXPECT_EQ(jsonOf(b)["routes"]["duplicates"], 1);
+  // Updates after the dump: the chip ends with what the replay leaves, and forwards it.
+  const std::string updates = writeCompressed(
+      "updates.bz2",
+      "TABLE_DUMP2|1700000000|B|192.0.2.1|64500|10.0.0.0/8|64500 3356 15169|IGP\n"
+      "TABLE_DUMP2|1700000000|B|192.0.2.1|64500|10.9.0.0/16|64500 7|IGP\n"
+      "BGP4MP|1700000001|A|192.0.2.1|64500|10.1.0.0/16|64500 9|IGP|192.0.2.1|0|0||NAG||\n"
+      "BGP4MP|1700000002|W|192.0.2.1|64500|10.9.0.0/16\n"
+      "BGP4MP|1700000003|A|192.0.2.1|64500|2001:db8::/32|64500 6939|IGP|2001:db8::1|0|0||NAG||\n"
+      "BGP4MP|1700000004|A|192.0.2.1|64500|10.0.0.0/8|64500 1299|IGP|192.0.2.1|0|0||NAG||\n",
+      ARCHIVE_FILTER_BZIP2);
+  Result u = run("run --profile small --verify --probes 2000 --json --routes " + updates);
+  ASSERT_EQ(u.status, 0) << u.err;
+  const json ur = jsonOf(u)["routes"];
+  EXPECT_EQ(ur["installed"], 3);
+  EXPECT_EQ(ur["withdrawn"], 1);
+  EXPECT_EQ(ur["replayed"], 6);
+  EXPECT_EQ(ur["lines"], ur["requested"].get<int>() + ur["withdrawn"].get<int>() + ur["duplicates"].get<int>() +
+                             ur["withdrawals"].get<int>());
+  EXPECT_EQ(jsonOf(u)["verify"]["mismatches"], 0);
 }
 
 // Every failed route is counted under its own outcome: before, all went under the
@@ -238,7 +280,7 @@ TEST(XplpmToolTest, BadInputIsAnErrorNotACrash) {
     std::string env = "";
   } cases[] = {
       {"bad prefix", "--routes " + writeFile("b1.txt", "10.0.0.0/8 1\n10.0.0/8 2\n"), "b1.txt:2: bad IPv4 prefix"},
-      {"truncated gzip", "--routes " + writeGz("b5.txt.gz", std::string(kRoutes) + std::string(4000, '#'), 40), "b5.txt.gz:"},
+      {"truncated gzip", "--routes " + writeCompressed("b5.txt.gz", std::string(kRoutes) + std::string(4000, '#'), ARCHIVE_FILTER_GZIP, 40), "b5.txt.gz:"},
       {"missing file", "--routes /nonexistent/routes.txt", "/nonexistent/routes.txt: cannot open"},
       {"control bytes echoed", "--routes " + writeFile("b7.txt", "10.0.0.0/8\x1b[2J 1\n"), "'10.0.0.0/8\\x1b[2J'"},
       {"empty file", "--routes " + writeFile("b8.txt", ""), "b8.txt: no routes: the input is empty"},
