@@ -76,6 +76,11 @@ void buildCli(CLI::App& app, Options& c) {
       ->required()
       ->check(CLI::IsMember({"summary", "prefix-tables", "subtries", "nhi-tiles", "nexthop", "fill"}));
   show->add_option("--svg", c.svg, "with fill: the SVG file to write");
+  show->add_flag("--json-lines", c.jsonLines,
+                 "as JSON lines: a header record, one record per table, sub-trie, tile or group, and an end record");
+  show->add_option("--table", c.table, "with --json or --json-lines: only this prefix table")->check(CLI::Range(0, 32));
+  show->add_option("--limit", c.limit, "with --json or --json-lines: at most N tables, sub-tries, tiles or groups")
+      ->check(kCount);
   profile->require_subcommand(1);
   profile->add_subcommand("list", "list the built-in profiles")->callback([&c] { c.command = "profile list"; });
   auto* pshow = profile->add_subcommand("show", "show one profile's tables");

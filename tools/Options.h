@@ -27,6 +27,9 @@ struct Options {
   bool check = false;  // run, restart, churn: the state machines' own checks at the end
   std::string what;  // show
   std::string svg;   // show fill
+  bool jsonLines = false;             // show: a header record, one record per item, an end record
+  int table = -1;                     // show: only this prefix table (-1: every table)
+  XpLib::U64 limit = ~XpLib::U64(0);  // show: at most this many items
   std::string profileName;   // profile show
   bool profileJson = false;  // profile show --json
 };

@@ -8,8 +8,11 @@
 
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -263,6 +266,75 @@ TEST(XplpmToolTest, ShowAndProfileCommands) {
   ASSERT_EQ(reread.status, 0) << reread.err;
   EXPECT_EQ(jsonOf(builtin)["commands"]["digest"], jsonOf(reread)["commands"]["digest"]);
   EXPECT_EQ(run("--version").out, "xplpm " XPLPM_VERSION "\n");
+}
+
+// Records of a JSON-lines answer: the header first, the end record last, each line parsed.
+std::vector<json> jsonLines(const Result& r) {
+  std::vector<json> records;
+  std::istringstream in(r.out);
+  for (std::string line; std::getline(in, line);) records.push_back(json::parse(line, nullptr, false));
+  return records;
+}
+
+// Every show answer in JSON parses, carries the header, and the views agree with each other
+// and with what was programmed: each route sits in one sub-trie and points at its group's
+// block, and the tiles count the entries the sub-tries' NHI blocks take.
+TEST(XplpmToolTest, ShowJsonCarriesTheModel) {
+  const std::string args = " --profile small --routes " + writeFile("routes-json.txt", kRoutes);
+  std::map<std::string, json> docs;
+  for (const char* what : {"summary", "prefix-tables", "subtries", "nhi-tiles", "nexthop"}) {
+    SCOPED_TRACE(what);
+    Result r = run(std::string("show ") + what + " --json" + args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const json j = jsonOf(r);
+    ASSERT_FALSE(j.is_discarded()) << r.out.substr(0, 400);
+    EXPECT_EQ(j["schema"], 1);
+    EXPECT_EQ(j["tool"]["version"], XPLPM_VERSION);
+    EXPECT_EQ(j["what"], what);
+    docs[what] = j;
+    const std::vector<json> lines = jsonLines(run(std::string("show ") + what + " --json-lines" + args));
+    ASSERT_FALSE(lines.empty());
+    for (const json& line : lines) EXPECT_FALSE(line.is_discarded());
+    EXPECT_EQ(lines.front()["schema"], 1);
+    if (std::string(what) != "summary") {
+      EXPECT_EQ(lines.back()["end"]["records"], lines.size() - 2);
+    }
+  }
+  EXPECT_EQ(docs["summary"]["summary"]["ipv4"]["routes"], 4);
+  EXPECT_EQ(docs["summary"]["summary"]["ipv6"]["routes"], 2);
+  std::map<unsigned long, json> groupBlock;
+  for (const json& g : docs["nexthop"]["groups"]) groupBlock[g["group"]] = g["block"];
+  EXPECT_EQ(groupBlock.size(), 5u);  // next hops 100, 200, 300, 100, 65001, 65002 on 5 of 256 groups
+  const std::map<std::string, unsigned long> nextHop{{"0 10.0.0.0/8", 100},       {"0 10.1.0.0/16", 200},
+                                                      {"1 10.1.2.0/24", 300},      {"0 192.168.0.0/16", 100},
+                                                      {"0 2001:db8::/32", 65001}, {"0 2001:db8:1::/48", 65002}};
+  std::map<std::string, unsigned long> found;
+  std::map<std::string, unsigned long> blocks;  // "family tile offset" -> size
+  for (const json& st : docs["subtries"]["subtries"]) {
+    blocks[st["family"].get<std::string>() + " " + st["nhi"]["tile"].dump() + " " + st["nhi"]["offset"].dump()] =
+        st["nhi"]["block_size"];
+    for (const json& p : st["prefixes"]) {
+      const std::string key = p["vrf"].dump() + " " + p["prefix"].get<std::string>();
+      ++found[key];
+      ASSERT_TRUE(nextHop.count(key)) << key;
+      EXPECT_EQ(p["next_hop_block"], groupBlock[nextHop.at(key) % 256]) << key;
+    }
+  }
+  EXPECT_EQ(found.size(), nextHop.size());
+  unsigned long tilesUsed = 0, blockEntries = 0, tablePrefixes = 0;
+  for (const json& t : docs["nhi-tiles"]["nhi_tiles"]) tilesUsed += t["used"].get<unsigned long>();
+  for (const auto& [at, size] : blocks) blockEntries += size;
+  for (const json& t : docs["prefix-tables"]["prefix_tables"]) tablePrefixes += t["prefixes"].get<unsigned long>();
+  EXPECT_EQ(tilesUsed, blockEntries);
+  EXPECT_EQ(tablePrefixes, nextHop.size());
+  // One table, and a limit that cuts the list short.
+  const json first = docs["subtries"]["subtries"][0];
+  const std::vector<json> table = jsonLines(run("show subtries --json-lines --table " + first["table"].dump() + args));
+  for (std::size_t i = 1; i + 1 < table.size(); ++i) EXPECT_EQ(table[i]["table"], first["table"]);
+  const std::vector<json> one = jsonLines(run("show subtries --json-lines --limit 1" + args));
+  ASSERT_EQ(one.size(), 3u);
+  EXPECT_EQ(one[1], first);
+  EXPECT_TRUE(one[2]["end"]["truncated"].get<bool>());
 }
 
 TEST(XplpmToolTest, BadInputIsAnErrorNotACrash) {
