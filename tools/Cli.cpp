@@ -57,8 +57,9 @@ void buildCli(CLI::App& app, Options& c) {
   auto* restart = app.add_subcommand("restart", "program, restart the agent over the same chip, reconcile, report");
   auto* churn = app.add_subcommand("churn", "program, then apply random withdrawals, next-hop changes and resizes");
   auto* show = app.add_subcommand("show", "program, then print summary|prefix-tables|subtries|nhi-tiles|nexthop|fill");
+  auto* lookup = app.add_subcommand("lookup", "program, then answer where addresses go and where prefixes live");
   auto* profile = app.add_subcommand("profile", "the built-in chip profiles");
-  for (auto* sub : {run, restart, churn, show}) {
+  for (auto* sub : {run, restart, churn, show, lookup}) {
     addCommon(sub, c);
     sub->callback([&c, sub] { c.command = sub->get_name(); });
   }
@@ -81,6 +82,11 @@ void buildCli(CLI::App& app, Options& c) {
   show->add_option("--table", c.table, "with --json or --json-lines: only this prefix table")->check(CLI::Range(0, 32));
   show->add_option("--limit", c.limit, "with --json or --json-lines: at most N tables, sub-tries, tiles or groups")
       ->check(kCount);
+  lookup->add_option("query", c.queries,
+                     "an address (the chip's answer beside the reference's longest match) or a prefix (where it "
+                     "lives, or why it is not placed); several may be given")
+      ->required();
+  lookup->add_option("--vrf", c.vrf, "the VRF of the queries (default 0)")->check(kCount & CLI::Range(0u, 65535u));
   profile->require_subcommand(1);
   profile->add_subcommand("list", "list the built-in profiles")->callback([&c] { c.command = "profile list"; });
   auto* pshow = profile->add_subcommand("show", "show one profile's tables");

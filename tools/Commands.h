@@ -28,6 +28,7 @@ int cmdRun(const Options& c);
 int cmdRestart(const Options& c);
 int cmdChurn(const Options& c);
 int cmdShow(const Options& c);
+int cmdLookup(const Options& c);
 int cmdProfileList();
 int cmdProfileShow(const Options& c);
 

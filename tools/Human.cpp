@@ -108,6 +108,66 @@ void printCheck(const json& ch) {
   std::printf("             next hops: %llu groups; every invariant holds\n", u(ch["nexthop"]["groups"]));
 }
 
+std::string blockText(const json& b) {
+  return std::string("next-hop block at ") + std::to_string(u(b["base"])) + ", " + std::to_string(u(b["size"])) + " wide";
+}
+
+void printAddress(const json& a) {
+  const json& chip = a["chip"];
+  if (chip["hit"].get<bool>()) {
+    std::printf("    chip       %s: table %llu (tread %llu) index %llu slot %llu; NHI tile %llu entry %llu pair %llu; %s, "
+                "group %s member %llu",
+                s(chip["prefix"]), u(chip["table"]), u(chip["tread"]), u(chip["index"]), u(chip["slot"]), u(chip["nhi"]["tile"]),
+                u(chip["nhi"]["entry"]), u(chip["nhi"]["pair"]), blockText(chip["next_hop_block"]).c_str(),
+                chip["group"].dump().c_str(), u(chip["member"]));
+    if (chip.contains("next_hop_entry"))
+      std::printf(" (entry holds group %llu member %llu)", u(chip["next_hop_entry"]["group"]), u(chip["next_hop_entry"]["member"]));
+    std::printf("\n");
+  } else {
+    std::printf("    chip       no match\n");
+  }
+  const json& ref = a["reference"];
+  if (ref["hit"].get<bool>()) {
+    std::printf("    reference  %s, %s\n", s(ref["prefix"]), blockText(ref["next_hop_block"]).c_str());
+  } else {
+    std::printf("    reference  no match\n");
+  }
+  std::printf("    agree      %s\n", a["agree"].get<bool>() ? "yes" : "NO");
+}
+
+void printPrefix(const json& p) {
+  std::printf("    state      %s", s(p["state"]));
+  if (p.contains("requested_block"))
+    std::printf(", group %s, %s", p["group"].dump().c_str(), blockText(p["requested_block"]).c_str());
+  std::printf("\n");
+  if (p.contains("subtrie")) {
+    const json& st = p["subtrie"];
+    std::printf("    lives in   table %llu (tread %llu) index %llu: sub-trie of branch /%llu, stride %llu, %s, slot %llu of %llu; "
+                "NHI tile %llu offset %llu, %llu entries, shared by %llu sub-tries\n",
+                u(st["table"]), u(st["tread"]), u(st["index"]), u(st["branch_len"]), u(st["stride"]), s(st["mode"]),
+                u(p["slot"]), u(st["max_prefix_slot"]), u(st["nhi"]["tile"]), u(st["nhi"]["offset"]), u(st["nhi"]["block_size"]),
+                u(st["shared_by"]));
+  } else if (p.contains("candidates")) {
+    std::string tables;
+    for (const auto& t : p["candidates"])
+      tables += (tables.empty() ? "" : ", ") + std::to_string(u(t["table"])) + " (tread " + std::to_string(u(t["tread"])) + ")";
+    std::printf("    may go to  tables %s\n", tables.c_str());
+  }
+}
+
+void printLookup(const json& j) {
+  const auto& r = j["routes"];
+  std::printf("  routes     requested %llu, installed %llu, failed %llu\n", u(r["requested"]), u(r["installed"]), u(r["failed"]));
+  for (const json& a : j["lookup"]["answers"]) {
+    std::printf("  %s (vrf %llu)\n", s(a["query"]), u(a["vrf"]));
+    if (a["kind"] == "address") {
+      printAddress(a);
+    } else {
+      printPrefix(a);
+    }
+  }
+}
+
 const char* verdict(int status) {
   switch (status) {
     case exitOk: return "everything asked for holds";
@@ -122,6 +182,11 @@ const char* verdict(int status) {
 void printHuman(const json& j, int status) {
   std::printf("xplpm %s: profile %s, family %s\n", s(j["command"]), escaped(j["profile"].get<std::string>()).c_str(),
               s(j["family"]));
+  if (j.contains("lookup")) {
+    printLookup(j);
+    std::printf("  result     exit %d: %s\n", status, verdict(status));
+    return;
+  }
   printRoutes(j);
   printTables(j);
   if (j.contains("verify"))

@@ -155,7 +155,8 @@ json checkJson(XpLib::Agent::XpLpmAgent& agent) {
 
 int exitStatus(const json& j, bool allowFailed) {
   const bool modelLost = j.contains("restart") && !j["restart"].value("model_equal", true);
-  if (count(j, "verify", "mismatches") || count(j, "churn", "mismatches") || count(j, "hardware", "errors") || modelLost)
+  if (count(j, "verify", "mismatches") || count(j, "churn", "mismatches") || count(j, "lookup", "mismatches") ||
+      count(j, "hardware", "errors") || modelLost)
     return exitMismatch;
   const bool notFit = count(j, "routes", "failed") || count(j, "churn", "failed") || count(j, "restart", "failed");
   return notFit && !allowFailed ? exitNotFit : exitOk;

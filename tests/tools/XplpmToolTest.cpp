@@ -170,6 +170,14 @@ TEST(XplpmToolTest, CompressedBgpdumpAndStandardInputReadTheSameRoutes) {
   EXPECT_EQ(ur["lines"], ur["requested"].get<int>() + ur["withdrawn"].get<int>() + ur["duplicates"].get<int>() +
                              ur["withdrawals"].get<int>());
   EXPECT_EQ(jsonOf(u)["verify"]["mismatches"], 0);
+  // The withdrawn /16 is gone from the chip, its addresses fall to the /8, which follows its new path.
+  Result l = run("lookup --profile small --json --routes " + updates + " 10.9.0.0/16 10.0.0.0/8 10.9.1.1");
+  ASSERT_EQ(l.status, 0) << l.err;
+  const json answers = jsonOf(l)["lookup"]["answers"];
+  EXPECT_EQ(answers[0]["state"], "not requested");
+  EXPECT_EQ(answers[1]["group"], 1299 % 256);
+  EXPECT_EQ(answers[2]["chip"]["prefix"], "10.0.0.0/8");
+  EXPECT_EQ(answers[2]["chip"]["group"], 1299 % 256);
 }
 
 // Every failed route is counted under its own outcome: before, all went under the
@@ -380,6 +388,10 @@ TEST(XplpmToolTest, BadInputIsAnErrorNotACrash) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find('\x1b'), std::string::npos) << r.err;
   }
+  Result query = run("lookup --routes " + routes + " 10.0.0.0/8 10.1.2.3/8");
+  EXPECT_EQ(query.status, 2);
+  EXPECT_EQ(query.out, "");  // checked before anything is programmed
+  EXPECT_NE(query.err.find("10.1.2.3/8: not an IPv4 prefix"), std::string::npos) << query.err;
   Result shown = run("profile show nosuch");
   EXPECT_EQ(shown.status, 2);
   EXPECT_NE(shown.err.find("profile show: unknown profile 'nosuch'"), std::string::npos) << shown.err;
