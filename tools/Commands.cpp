@@ -27,6 +27,8 @@ std::string noRoutes(const RouteSet& set, const Options& c) {
   return std::string("no routes: ") + std::to_string(set.lines) + " lines, all blank or comments";
 }
 
+}  // namespace
+
 RouteSet loadRoutes(const Options& c) {
   FamilyFilter filter = FamilyFilter::any;
   if (c.family == "ipv4") filter = FamilyFilter::ipv4;
@@ -41,6 +43,8 @@ RouteSet loadRoutes(const Options& c) {
   return set;
 }
 
+namespace {
+
 RunOptions runOptions(const Options& c) {
   RunOptions o;
   o.agent.nextHopGroups = c.groups;
@@ -54,22 +58,32 @@ RunOptions runOptions(const Options& c) {
 
 }  // namespace
 
-Programmed programmed(const Options& c, bool verify) {
-  XpXdk::xpChipProfile profile = loadProfile(c.profile, "--profile");
+XpXdk::xpChipProfile chipProfile(const std::string& nameOrFile, const std::string& option) {
+  XpXdk::xpChipProfile profile = loadProfile(nameOrFile, option);
   checkEnvironment(profile);
-  profile = withEnvironmentGeometry(profile);
+  return withEnvironmentGeometry(profile);
+}
+
+std::unique_ptr<Session> programSession(const XpXdk::xpChipProfile& profile, const RouteSet& set, const Options& c,
+                                        bool verify) {
+  auto session = std::make_unique<Session>(profile, runOptions(c));
+  session->agentIs(startAgent(profile, session->options().agent));
+  checkGroupWidths(session->agent(), c.groups);
+  if (set.ops.empty()) {
+    session->program(set.routes);
+  } else {
+    session->replay(set.ops, set.routes);
+  }
+  session->survey();
+  if (verify) session->verify(set.routes);
+  return session;
+}
+
+Programmed programmed(const Options& c, bool verify) {
+  const XpXdk::xpChipProfile profile = chipProfile(c.profile, "--profile");
   Programmed p;
   p.set = loadRoutes(c);
-  p.session = std::make_unique<Session>(profile, runOptions(c));
-  p.session->agentIs(startAgent(profile, p.session->options().agent));
-  checkGroupWidths(p.session->agent(), c.groups);
-  if (p.set.ops.empty()) {
-    p.session->program(p.set.routes);
-  } else {
-    p.session->replay(p.set.ops, p.set.routes);
-  }
-  p.session->survey();
-  if (verify) p.session->verify(p.set.routes);
+  p.session = programSession(profile, p.set, c, verify);
   return p;
 }
 
