@@ -6,12 +6,13 @@
 namespace xplpm {
 
 const char* const kExitStatusHelp =
-    "Exit status (run, restart, churn, show):\n"
+    "Exit status (run, restart, churn, show, lookup, capacity):\n"
     "  0  everything asked for holds\n"
-    "  1  verification found a mismatch, the chip refused a write, or a warm restart did not\n"
-    "     rebuild the model it had\n"
+    "  1  verification or a lookup found a mismatch, the chip refused a write, or a warm restart did\n"
+    "     not rebuild the model it had\n"
     "  2  bad input: a route file, option, profile or environment variable (nothing is programmed)\n"
-    "  3  some routes were not placed (0 instead with --allow-failed; the report says which and why)\n";
+    "  3  some routes were not placed, or (capacity) the table grown by --growth does not fit\n"
+    "     (0 instead with --allow-failed; the report says which and why)\n";
 
 namespace {
 
@@ -58,8 +59,10 @@ void buildCli(CLI::App& app, Options& c) {
   auto* churn = app.add_subcommand("churn", "program, then apply random withdrawals, next-hop changes and resizes");
   auto* show = app.add_subcommand("show", "program, then print summary|prefix-tables|subtries|nhi-tiles|nexthop|fill");
   auto* lookup = app.add_subcommand("lookup", "program, then answer where addresses go and where prefixes live");
+  auto* capacity = app.add_subcommand(
+      "capacity", "program, then add routes of the table's own mix until they fail: headroom and what runs out first");
   auto* profile = app.add_subcommand("profile", "the built-in chip profiles");
-  for (auto* sub : {run, restart, churn, show, lookup}) {
+  for (auto* sub : {run, restart, churn, show, lookup, capacity}) {
     addCommon(sub, c);
     sub->callback([&c, sub] { c.command = sub->get_name(); });
   }
@@ -87,6 +90,18 @@ void buildCli(CLI::App& app, Options& c) {
                      "lives, or why it is not placed); several may be given")
       ->required();
   lookup->add_option("--vrf", c.vrf, "the VRF of the queries (default 0)")->check(kCount & CLI::Range(0u, 65535u));
+  capacity
+      ->add_option("--growth", c.growth,
+                   "PCT[,PCT...]: will the table grown by PCT % (routes of its mix) fit, and where does it break")
+      ->delimiter(',')
+      ->check(CLI::Range(0.0, 10000.0));
+  capacity->add_option("--profiles", c.profiles, "A,B,...: the same report for several profiles side by side")
+      ->delimiter(',')
+      ->excludes(capacity->get_option("--profile"));
+  capacity->add_option("--failure-rate", c.failureRate,
+                       "stop adding once this percentage of the added routes failed (default 1)")
+      ->check(CLI::Range(0.001, 100.0));
+  capacity->add_option("--svg", c.svg, "the chart of the resources, thresholds, bottleneck and headroom (one profile)");
   profile->require_subcommand(1);
   profile->add_subcommand("list", "list the built-in profiles")->callback([&c] { c.command = "profile list"; });
   auto* pshow = profile->add_subcommand("show", "show one profile's tables");

@@ -57,7 +57,7 @@ int cmdShow(const Options& c) {
   if (c.verify) j["verify"] = {{"mismatches", s.figures().verifyMismatches}};
   std::fflush(stdout);
   if (c.what == "fill") {
-    writeFillSvg(s, c.svg);
+    writeFillSvg(s, j, c.svg);
   } else if (json) {
     writeShowJson(s, c, j);
   } else {

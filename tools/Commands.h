@@ -39,6 +39,7 @@ int cmdRestart(const Options& c);
 int cmdChurn(const Options& c);
 int cmdShow(const Options& c);
 int cmdLookup(const Options& c);
+int cmdCapacity(const Options& c);
 int cmdProfileList();
 int cmdProfileShow(const Options& c);
 

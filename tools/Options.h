@@ -32,6 +32,9 @@ struct Options {
   int table = -1;                     // show: only this prefix table (-1: every table)
   XpLib::U64 limit = ~XpLib::U64(0);  // show: at most this many items
   std::vector<std::string> queries;  // lookup: addresses and prefixes
+  std::vector<std::string> profiles;  // capacity: several profiles side by side
+  std::vector<double> growth;         // capacity: percentages of growth to try
+  double failureRate = 1.0;           // capacity: percent of added routes failing that ends the run
   XpLib::U32 vrf = 0;                // lookup
   std::string profileName;   // profile show
   bool profileJson = false;  // profile show --json

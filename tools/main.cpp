@@ -18,6 +18,7 @@ int dispatch(const Options& c) {
   if (c.command == "churn") return cmdChurn(c);
   if (c.command == "show") return cmdShow(c);
   if (c.command == "lookup") return cmdLookup(c);
+  if (c.command == "capacity") return cmdCapacity(c);
   if (c.command == "profile list") return cmdProfileList();
   return cmdProfileShow(c);
 }

@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 
+#include "Capacity.h"
 #include "Lookup.h"
 #include "Session.h"
 #include "support/RouteTables.h"
@@ -133,6 +134,50 @@ TEST(ToolAnswersTest, LookupsAgreeWithChipAndAnIndependentLongestMatch) {
     EXPECT_TRUE(found) << j.dump();
   }
   EXPECT_EQ(lookupJson(agent, check, parseQuery(9, routes[0].prefixStr()))["state"], "not requested");
+}
+
+// "Available" is replayed on a fresh chip: the table and exactly that many routes of each
+// family's mix fit and forward, and the next route of the mix fails with the code the report
+// names, so the figure neither overstates nor understates for its mix and seed.
+TEST(ToolAnswersTest, CapacityAvailableRoutesFitAndTheNextOneFails) {
+  std::vector<Route> table;
+  for (bool ipv6 : {false, true})
+    for (std::size_t i = 0; i < 30; ++i) table.push_back(xplpm_test::realRoutes(ipv6)[i * 7919 % xplpm_test::realRoutes(ipv6).size()]);
+  const XpXdk::xpChipProfile& small = *XpXdk::findChipProfile("small");
+  for (const std::uint64_t seed : {1u, 2u, 3u}) {
+    Session measured(small, RunOptions{});
+    measured.program(table);
+    ASSERT_EQ(measured.figures().programmed.failed(), 0u);
+    const CapacityResult cap = measureCapacity(measured, table, CapacityOptions{seed, 1.0, {}});
+    std::printf("seed %llu: available ipv4 %llu (%s), ipv6 %llu (%s)\n", static_cast<unsigned long long>(seed),
+                static_cast<unsigned long long>(cap.family[0].beforeFirstFailure.value_or(0)), cap.family[0].failureCode.c_str(),
+                static_cast<unsigned long long>(cap.family[1].beforeFirstFailure.value_or(0)), cap.family[1].failureCode.c_str());
+    Session fresh(small, RunOptions{});
+    fresh.program(table);
+    std::vector<Route> wanted = table;
+    for (bool v6 : {false, true}) {
+      SCOPED_TRACE(v6 ? "ipv6" : "ipv4");
+      const FamilyCapacity& f = cap.family[v6];
+      ASSERT_TRUE(f.beforeFirstFailure.has_value());
+      ASSERT_TRUE(f.ranOut.has_value()) << f.failureCode;
+      EXPECT_EQ(f.ranOut->ipv6 || f.ranOut->shared, v6 || f.ranOut->shared);
+      EXPECT_GE(*f.beforeFailureRate, *f.beforeFirstFailure);
+      RouteMix mix(table, v6, seed);
+      for (U64 i = 0; i < *f.beforeFirstFailure; ++i) {
+        const std::optional<Route> r = mix.next(fresh.agent());
+        ASSERT_TRUE(r && r->prefixStr() == f.addedRoutes[i].prefixStr() && r->vrf == f.addedRoutes[i].vrf) << i;
+        ASSERT_TRUE(fresh.agent().routeIs(*r).installed()) << r->prefixStr();
+        wanted.push_back(*r);
+      }
+      const std::optional<Route> next = mix.next(fresh.agent());
+      ASSERT_TRUE(next.has_value());
+      EXPECT_EQ(f.failedRoute.substr(0, f.failedRoute.find(' ')), next->prefixStr());
+      EXPECT_EQ(fresh.agent().routeIs(*next).code(), f.failureCode);
+      fresh.agent().routeDel(*next);
+    }
+    fresh.verify(wanted);
+    EXPECT_EQ(fresh.figures().verifyMismatches, 0u);
+  }
 }
 
 }  // namespace
