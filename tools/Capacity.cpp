@@ -62,11 +62,13 @@ void noteFirstFailure(FamilyCapacity& f, const XpLpmAgent& agent, const Route& r
   if (result.state == RouteState::nhiReserve) f.reserve = agent.nhiReserve(r.ipv6);
 }
 
-// The growths that `attempted` routes complete.
-void noteGrowth(FamilyCapacity& f) {
+// The growths that `attempted` routes complete; once adding stops, those it did not complete
+// still learn whether they break, and where, from the routes tried so far.
+void noteGrowth(FamilyCapacity& f, bool stopped) {
   for (GrowthResult& g : f.growth) {
-    if (g.measured || f.attempted < g.routes) continue;
-    g.measured = true;
+    if (g.measured) continue;
+    g.measured = f.attempted >= g.routes;
+    if (!g.measured && !stopped) continue;
     g.failed = f.failed;
     if (f.failed > 0) g.breaksAfter = f.beforeFirstFailure;
   }
@@ -126,8 +128,9 @@ void addUntilFull(Session& s, const std::vector<Route>& table, bool v6, const Ca
     }
     if (!f.beforeFailureRate && f.failed > 0 && f.attempted >= kRateAfter && 100.0 * f.failed >= o.failureRate * f.attempted)
       f.beforeFailureRate = f.added;
-    noteGrowth(f);
+    noteGrowth(f, false);
   }
+  noteGrowth(f, true);
 }
 
 // A table that does not fit has no headroom: its first route not placed is the first failure.

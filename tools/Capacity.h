@@ -36,7 +36,7 @@ struct GrowthResult {
   double percent = 0;
   U64 routes = 0;                 // routes of the mix the growth adds
   bool measured = false;          // as many were tried
-  U64 failed = 0;                 // of them
+  U64 failed = 0;                 // of them (of those tried, when adding stopped before)
   std::optional<U64> breaksAfter; // routes placed before the first failure, when one came within them
   bool fits() const { return measured && failed == 0; }
 };

@@ -253,10 +253,11 @@ std::string growthLabel(const json& g) {
 }
 
 std::string growthVerdict(const json& g, const json& f) {
-  if (!g["measured"].get<bool>()) return "not measured: " + f["stopped"].get<std::string>();
   if (g["fits"].get<bool>()) return "fits";
-  return "does not fit, " + std::to_string(u(g["failed"])) + " fail, the first after " + std::to_string(u(g["breaks_after"])) +
-         " placed";
+  if (g["breaks_after"].is_null()) return "not measured: " + f["stopped"].get<std::string>();
+  const std::string first = "does not fit, the first failure after " + std::to_string(u(g["breaks_after"])) + " placed, ";
+  if (g["measured"].get<bool>()) return first + std::to_string(u(g["failed"])) + " fail";
+  return first + std::to_string(u(g["failed"])) + " failed before " + f["stopped"].get<std::string>();
 }
 
 std::string growthText(const json& g, const json& f) { return growthLabel(g) + ": " + growthVerdict(g, f); }

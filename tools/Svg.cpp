@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <fstream>
 #include <optional>
 #include <vector>
@@ -179,12 +180,14 @@ void writeCapacitySvg(const json& report, const std::string& input, const std::s
   c.title = "Capacity of the " + report["profile"].get<std::string>() + " profile for " + input;
   const json& cap = report["capacity"];
   std::vector<std::string> ranOut;  // the resources the first failures name
+  char rate[32];
+  std::snprintf(rate, sizeof rate, "%g%%", cap["failure_rate"].get<double>());
   for (const char* family : {"ipv4", "ipv6"}) {
     if (!cap.contains(family)) continue;
     const json& f = cap[family];
     c.lines.push_back(upper(family) + ": " + std::to_string(f["table_routes"].get<U64>()) + " routes placed, " +
                       std::to_string(f["table_failed"].get<U64>()) + " failed; headroom " + headroomText(f, "first_failure") +
-                      " before the first failure, " + headroomText(f, "failure_rate") + " before the failure rate was reached");
+                      " before the first failure, " + headroomText(f, "failure_rate") + " before " + rate + " failed");
     for (const json& g : f["growth"]) c.lines.push_back(upper(family) + " growth " + growthText(g, f));
     if (!f["first_failure"].is_null() && f["first_failure"].contains("resource")) {
       const json& r = f["first_failure"]["resource"];

@@ -152,7 +152,9 @@ TEST(ToolAnswersTest, CapacityAvailableRoutesFitAndTheNextOneFails) {
     std::printf("seed %llu: available ipv4 %llu (%s), ipv6 %llu (%s)\n", static_cast<unsigned long long>(seed),
                 static_cast<unsigned long long>(cap.family[0].beforeFirstFailure.value_or(0)), cap.family[0].failureCode.c_str(),
                 static_cast<unsigned long long>(cap.family[1].beforeFirstFailure.value_or(0)), cap.family[1].failureCode.c_str());
-    Session fresh(small, RunOptions{});
+    RunOptions checked;
+    checked.probes = 20000;  // beside a probe of every route
+    Session fresh(small, checked);
     fresh.program(table);
     std::vector<Route> wanted = table;
     for (bool v6 : {false, true}) {

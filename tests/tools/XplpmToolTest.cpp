@@ -7,9 +7,11 @@
 #include <zlib.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -255,6 +257,13 @@ TEST(XplpmToolTest, RestartWithChangesAndChurnForwardExactly) {
   EXPECT_EQ(jsonOf(c)["churn"]["mismatches"], 0);
 }
 
+// The chart's text, after xmllint found it well-formed.
+std::string wellFormedSvg(const std::string& path) {
+  EXPECT_EQ(std::system(("xmllint --noout " + path).c_str()), 0) << path;
+  std::ifstream in(path);
+  return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
 TEST(XplpmToolTest, ShowAndProfileCommands) {
   const std::string file = writeFile("routes-show.txt", kRoutes);
   // Next hops 100, 200, 300, 100, 65001 and 65002 fold onto 5 of 256 groups.
@@ -265,9 +274,9 @@ TEST(XplpmToolTest, ShowAndProfileCommands) {
   EXPECT_EQ(groups, 5u) << nh.out;
   const std::string svg = scratch("fill.svg");
   ASSERT_EQ(run("show fill --svg " + svg + " --profile small --routes " + file).status, 0);
-  std::ifstream in(svg);
-  const std::string text((std::istreambuf_iterator<char>(in)), {});
-  EXPECT_NE(text.find("</svg>"), std::string::npos);
+  const std::string text = wellFormedSvg(svg);
+  for (const char* figure : {"IPv4: 4 routes requested, 4 installed, 0 failed", "IPv6: 2 routes requested", "Fullest: "})
+    EXPECT_NE(text.find(figure), std::string::npos) << figure;
   // A built-in profile written out and read back programs the same command stream.
   const std::string saved = writeFile("saved-profile.json", run("profile show reference --json").out);
   Result builtin = run("run --json --routes " + file), reread = run("run --json --profile " + saved + " --routes " + file);
@@ -401,6 +410,47 @@ TEST(XplpmToolTest, BadInputIsAnErrorNotACrash) {
   ASSERT_EQ(skip.status, 0) << skip.err;
   EXPECT_EQ(jsonOf(skip)["routes"]["installed"], 2);
   EXPECT_EQ(jsonOf(skip)["routes"]["bad_lines"], 1);
+}
+
+// Capacity as a process: its JSON and its chart carry the same figures, a growth beyond the
+// headroom breaks where the headroom ends, and several profiles make one table.
+TEST(XplpmToolTest, CapacityReportsHeadroomGrowthAndChart) {
+  const std::string file = writeFile("routes-capacity.txt", realLines(40));
+  const std::string svg = scratch("capacity.svg");
+  Result r = run("capacity --profile small --growth 10,10000 --json --svg " + svg + " --routes " + file);
+  ASSERT_EQ(r.status, 3) << r.err;  // 4,000 more routes do not fit the small profile
+  const json doc = jsonOf(r);
+  EXPECT_EQ(doc["schema"], 1);
+  ASSERT_EQ(doc["profiles"].size(), 1u);
+  const json& p = doc["profiles"][0];
+  ASSERT_FALSE(p["capacity"].contains("ipv6"));
+  const json& f = p["capacity"]["ipv4"];
+  const unsigned available = f["headroom"]["first_failure"];
+  EXPECT_GT(available, 4u);
+  EXPECT_EQ(f["growth"][0]["fits"], true);
+  EXPECT_EQ(f["growth"][1]["fits"], false);
+  EXPECT_EQ(f["growth"][1]["breaks_after"], available);
+  const json& ranOut = f["first_failure"]["resource"];
+  for (const json& row : p["resources"]) {
+    SCOPED_TRACE(row.dump());
+    const double pct = row["percent"];
+    EXPECT_EQ(row["threshold"], pct >= 85 ? "high" : pct >= 70 ? "low" : "ok");
+    if (row["kind"] == "routes") {
+      EXPECT_EQ(json({row["used"], row["available"]}), json({40, available}));
+    }
+  }
+  const std::string text = wellFormedSvg(svg);
+  EXPECT_EQ(text.find("IPv6"), std::string::npos);
+  for (const std::string& figure : {"IPv4: 40 routes placed, 0 failed; headroom " + std::to_string(available),
+                                   "runs out first: " + ranOut["resource"].get<std::string>(),
+                                   f["first_failure"]["code"].get<std::string>(), std::string("does not fit")})
+    EXPECT_NE(text.find(figure), std::string::npos) << figure;
+  EXPECT_EQ(run("capacity --profile small --growth 10000 --allow-failed --routes " + file).status, 0);
+  Result side = run("capacity --profiles small,small --routes " + file);
+  ASSERT_EQ(side.status, 0) << side.err;
+  EXPECT_TRUE(std::regex_search(side.out, std::regex("\n  profile +small +small\n"))) << side.out;
+  EXPECT_TRUE(std::regex_search(side.out, std::regex("\n  ipv4 headroom, first failure +" + std::to_string(available) + " .* " +
+                                                     std::to_string(available) + " "))) << side.out;
 }
 
 }  // namespace
