@@ -29,7 +29,8 @@ const CLI::Validator kCount(
 
 void addCommon(CLI::App* app, Options& c) {
   app->add_option("--family", c.family, "ipv4 or ipv6 (default: from the file)")->check(CLI::IsMember({"ipv4", "ipv6"}));
-  app->add_option("--routes", c.routes, "route file, plain or .gz, or - for standard input (default: the shipped real table)");
+  app->add_option("--routes", c.routes,
+                  "route file, plain, .gz, .bz2, .xz or .zst, or - for standard input (default: the shipped real table)");
   app->add_option("--profile", c.profile, "built-in profile name or FILE.json (default: reference)");
   app->add_option("--nexthop-groups", c.groups, "next-hop groups the next hops fold onto, 1 to 65535 (default 256)")
       ->check(kCount & CLI::Range(1u, 65535u));
