@@ -121,7 +121,7 @@ void addUntilFull(Session& s, const std::vector<Route>& table, bool v6, const Ca
     ++f.attempted;
     if (result.installed()) {
       ++f.added;
-      if (!f.beforeFirstFailure) f.addedRoutes.push_back(*r);
+      f.addedRoutes.push_back(*r);
     } else if (++f.failed == 1) {
       f.beforeFirstFailure = f.added;
       noteFirstFailure(f, agent, *r, result, inUse);

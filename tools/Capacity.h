@@ -55,7 +55,8 @@ struct FamilyCapacity {
   std::optional<XpLib::Agent::XpLpmAgent::NhiReserve> reserve;  // when the NHI reserve refused it
   std::vector<Resource> atFirstFailure;
   std::vector<GrowthResult> growth;
-  std::vector<XpLib::Agent::Route> addedRoutes;  // the routes placed before the first failure
+  // The routes placed, in order: the first beforeFirstFailure of them came before the first failure.
+  std::vector<XpLib::Agent::Route> addedRoutes;
 };
 
 struct CapacityResult {

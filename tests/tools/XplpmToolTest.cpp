@@ -417,13 +417,14 @@ TEST(XplpmToolTest, BadInputIsAnErrorNotACrash) {
 TEST(XplpmToolTest, CapacityReportsHeadroomGrowthAndChart) {
   const std::string file = writeFile("routes-capacity.txt", realLines(40));
   const std::string svg = scratch("capacity.svg");
-  Result r = run("capacity --profile small --growth 10,10000 --json --svg " + svg + " --routes " + file);
+  Result r = run("capacity --profile small --growth 10,10000 --verify --probes 5000 --json --svg " + svg + " --routes " + file);
   ASSERT_EQ(r.status, 3) << r.err;  // 4,000 more routes do not fit the small profile
   const json doc = jsonOf(r);
   EXPECT_EQ(doc["schema"], 1);
   ASSERT_EQ(doc["profiles"].size(), 1u);
   const json& p = doc["profiles"][0];
   ASSERT_FALSE(p["capacity"].contains("ipv6"));
+  EXPECT_EQ(p["verify"]["mismatches"], 0);  // the table and every route added, placed where the chip finds them
   const json& f = p["capacity"]["ipv4"];
   const unsigned available = f["headroom"]["first_failure"];
   EXPECT_GT(available, 4u);
