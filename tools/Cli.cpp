@@ -6,12 +6,13 @@
 namespace xplpm {
 
 const char* const kExitStatusHelp =
-    "Exit status (run, restart, churn, show):\n"
+    "Exit status (run, restart, churn, show, lookup, capacity):\n"
     "  0  everything asked for holds\n"
-    "  1  verification found a mismatch, the chip refused a write, or a warm restart did not\n"
-    "     rebuild the model it had\n"
+    "  1  verification or a lookup found a mismatch, the chip refused a write, or a warm restart did\n"
+    "     not rebuild the model it had\n"
     "  2  bad input: a route file, option, profile or environment variable (nothing is programmed)\n"
-    "  3  some routes were not placed (0 instead with --allow-failed; the report says which and why)\n";
+    "  3  some routes were not placed, or (capacity) the table grown by --growth does not fit\n"
+    "     (0 instead with --allow-failed; the report says which and why)\n";
 
 namespace {
 
@@ -28,7 +29,8 @@ const CLI::Validator kCount(
 
 void addCommon(CLI::App* app, Options& c) {
   app->add_option("--family", c.family, "ipv4 or ipv6 (default: from the file)")->check(CLI::IsMember({"ipv4", "ipv6"}));
-  app->add_option("--routes", c.routes, "route file, plain or .gz, or - for standard input (default: the shipped real table)");
+  app->add_option("--routes", c.routes,
+                  "route file, plain, .gz, .bz2, .xz or .zst, or - for standard input (default: the shipped real table)");
   app->add_option("--profile", c.profile, "built-in profile name or FILE.json (default: reference)");
   app->add_option("--nexthop-groups", c.groups, "next-hop groups the next hops fold onto, 1 to 65535 (default 256)")
       ->check(kCount & CLI::Range(1u, 65535u));
@@ -57,11 +59,18 @@ void buildCli(CLI::App& app, Options& c) {
   auto* restart = app.add_subcommand("restart", "program, restart the agent over the same chip, reconcile, report");
   auto* churn = app.add_subcommand("churn", "program, then apply random withdrawals, next-hop changes and resizes");
   auto* show = app.add_subcommand("show", "program, then print summary|prefix-tables|subtries|nhi-tiles|nexthop|fill");
+  auto* lookup = app.add_subcommand("lookup", "program, then answer where addresses go and where prefixes live");
+  auto* capacity = app.add_subcommand(
+      "capacity", "program, then add routes of the table's own mix until they fail: headroom and what runs out first");
   auto* profile = app.add_subcommand("profile", "the built-in chip profiles");
-  for (auto* sub : {run, restart, churn, show}) {
+  for (auto* sub : {run, restart, churn, show, lookup, capacity}) {
     addCommon(sub, c);
     sub->callback([&c, sub] { c.command = sub->get_name(); });
   }
+  for (auto* sub : {run, restart, churn})
+    sub->add_flag("--check", c.check,
+                  "at the end, check every invariant of the state machines' models (a broken one stops the tool) "
+                  "and report what was checked");
   churn->add_option("--ops", c.ops, "operations of churn, up to 10^9 (default 100000)")
       ->check(kCount & CLI::Range(XpLib::U64(0), XpLib::U64(1000000000)));
   restart->add_option("--changes", c.changes,
@@ -72,6 +81,28 @@ void buildCli(CLI::App& app, Options& c) {
       ->required()
       ->check(CLI::IsMember({"summary", "prefix-tables", "subtries", "nhi-tiles", "nexthop", "fill"}));
   show->add_option("--svg", c.svg, "with fill: the SVG file to write");
+  show->add_flag("--json-lines", c.jsonLines,
+                 "as JSON lines: a header record, one record per table, sub-trie, tile or group, and an end record");
+  show->add_option("--table", c.table, "with --json or --json-lines: only this prefix table")->check(CLI::Range(0, 32));
+  show->add_option("--limit", c.limit, "with --json or --json-lines: at most N tables, sub-tries, tiles or groups")
+      ->check(kCount);
+  lookup->add_option("query", c.queries,
+                     "an address (the chip's answer beside the reference's longest match) or a prefix (where it "
+                     "lives, or why it is not placed); several may be given")
+      ->required();
+  lookup->add_option("--vrf", c.vrf, "the VRF of the queries (default 0)")->check(kCount & CLI::Range(0u, 65535u));
+  capacity
+      ->add_option("--growth", c.growth,
+                   "PCT[,PCT...]: will the table grown by PCT % (routes of its mix) fit, and where does it break")
+      ->delimiter(',')
+      ->check(CLI::Range(0.0, 10000.0));
+  capacity->add_option("--profiles", c.profiles, "A,B,...: the same report for several profiles side by side")
+      ->delimiter(',')
+      ->excludes(capacity->get_option("--profile"));
+  capacity->add_option("--failure-rate", c.failureRate,
+                       "stop adding once this percentage of the added routes failed (default 1)")
+      ->check(CLI::Range(0.001, 100.0));
+  capacity->add_option("--svg", c.svg, "the chart of the resources, thresholds, bottleneck and headroom (one profile)");
   profile->require_subcommand(1);
   profile->add_subcommand("list", "list the built-in profiles")->callback([&c] { c.command = "profile list"; });
   auto* pshow = profile->add_subcommand("show", "show one profile's tables");

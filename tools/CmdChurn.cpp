@@ -70,6 +70,7 @@ int cmdChurn(const Options& c) {
   if (c.verify) j["verify"] = {{"probes", s.figures().verifyProbes}, {"mismatches", s.figures().verifyMismatches}};
   j["hardware"]["errors"] = s.hardwareErrors();
   refreshChipJson(s, j);
+  if (c.check) j["check"] = checkJson(s.agent());
   return finish(j, c);
 }
 

@@ -65,6 +65,7 @@ int cmdRestart(const Options& c) {
   }
   j["hardware"]["errors"] = s.hardwareErrors();
   refreshChipJson(s, j);
+  if (c.check) j["check"] = checkJson(s.agent());
   return finish(j, c);
 }
 

@@ -6,8 +6,10 @@ namespace xplpm {
 
 int cmdRun(const Options& c) {
   Programmed p = programmed(c, c.verify);
-  nlohmann::json j = runJson(*p.session, p.set, c);
-  if (c.verify) j["verify"] = {{"probes", p.session->figures().verifyProbes}, {"mismatches", p.session->figures().verifyMismatches}};
+  Session& s = *p.session;
+  nlohmann::json j = runJson(s, p.set, c);
+  if (c.verify) j["verify"] = {{"probes", s.figures().verifyProbes}, {"mismatches", s.figures().verifyMismatches}};
+  if (c.check) j["check"] = checkJson(s.agent());
   return finish(j, c);
 }
 

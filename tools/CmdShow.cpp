@@ -1,4 +1,5 @@
-// `xplpm show`: program, then print one of the library's diagnostics or the fill chart.
+// `xplpm show`: program, then print one of the library's diagnostics, their JSON form built
+// from the models, or the fill chart.
 #include <unistd.h>
 
 #include <cstdio>
@@ -6,6 +7,7 @@
 #include "Commands.h"
 #include "Errors.h"
 #include "Report.h"
+#include "ShowJson.h"
 #include "Svg.h"
 
 namespace xplpm {
@@ -25,21 +27,9 @@ void showFamily(const XpLib::XpLpm::LpmSm& sm, const std::string& what) {
   dprintf(1, "]\n");
 }
 
-}  // namespace
-
-int cmdShow(const Options& c) {
-  if (c.what == "fill" && c.svg.empty()) badInput("--svg", "show fill needs --svg FILE");
-  Programmed p = programmed(c, c.verify);
-  Session& s = *p.session;
+// The library's own texts, as its show commands write them.
+void showText(Session& s, const Options& c) {
   auto& agent = s.agent();
-  // The status follows the same rules as run's, though the output is the diagnostic.
-  nlohmann::json j = runJson(s, p.set, c);
-  if (c.verify) j["verify"] = {{"mismatches", s.figures().verifyMismatches}};
-  std::fflush(stdout);
-  if (c.what == "fill") {
-    writeFillSvg(s, c.svg);
-    return exitStatus(j, c.allowFailed);
-  }
   for (bool v6 : {false, true}) {
     if (s.figures().programmed.requested[v6] == 0 && c.what != "nexthop") continue;
     showFamily(*agent.family(v6).sm, c.what);
@@ -49,6 +39,29 @@ int cmdShow(const Options& c) {
     for (const auto& [group, block] : agent.nextHopStatus()->swIdToNextHopBlockMap())
       dprintf(1, " group %llu: base %u, %u entries\n", static_cast<unsigned long long>(group.value()),
               block.base().value(), block.size().value());
+  }
+}
+
+}  // namespace
+
+int cmdShow(const Options& c) {
+  const bool json = c.json || c.jsonLines;
+  if (c.what == "fill" && c.svg.empty()) badInput("--svg", "show fill needs --svg FILE");
+  if (c.what == "fill" && json) badInput("--json", "show fill writes an SVG chart; capacity --json gives the figures");
+  if (!json && (c.table >= 0 || c.limit != ~U64(0)))
+    badInput(c.table >= 0 ? "--table" : "--limit", "needs --json or --json-lines (the library's text shows every table)");
+  Programmed p = programmed(c, c.verify);
+  Session& s = *p.session;
+  // The status follows the same rules as run's, though the output is the diagnostic.
+  nlohmann::json j = runJson(s, p.set, c);
+  if (c.verify) j["verify"] = {{"mismatches", s.figures().verifyMismatches}};
+  std::fflush(stdout);
+  if (c.what == "fill") {
+    writeFillSvg(s, j, c.svg);
+  } else if (json) {
+    writeShowJson(s, c, j);
+  } else {
+    showText(s, c);
   }
   return exitStatus(j, c.allowFailed);
 }

@@ -7,6 +7,7 @@
 
 #include "Environment.h"
 #include "Human.h"
+#include "JsonDocument.h"
 #include "ProfileInput.h"
 #include "Report.h"
 
@@ -21,8 +22,12 @@ std::string noRoutes(const RouteSet& set, const Options& c) {
     return "no " + c.family + std::string(" routes (") + std::to_string(set.otherFamily) + " of the other family; --family selects)";
   if (!set.badLines.empty())
     return std::string("no routes: all ") + std::to_string(set.badLines.size()) + " route lines are bad";
+  if (set.withdrawn > 0)
+    return std::string("no routes: all ") + std::to_string(set.withdrawn) + " prefixes given were withdrawn again";
   return std::string("no routes: ") + std::to_string(set.lines) + " lines, all blank or comments";
 }
+
+}  // namespace
 
 RouteSet loadRoutes(const Options& c) {
   FamilyFilter filter = FamilyFilter::any;
@@ -33,10 +38,12 @@ RouteSet loadRoutes(const Options& c) {
                         : std::string(XPLPM_DATA_DIR) + (filter == FamilyFilter::ipv6 ? "/routes-v6.txt.gz" : "/routes-v4.txt.gz");
   RouteSet set = readRoutes(path, filter, c.skipBad);
   if (!set.badLines.empty() && !c.skipBad) throw BadInput({set.badLines.front()});
-  for (const auto& bad : set.badLines) printInputError(bad, " (skipped)");
-  if (set.routes.empty()) badInput(set.source, noRoutes(set, c));
+  for (const auto& bad : set.badLines) printInputError(bad, c.json, true);
+  if (set.routes.empty()) badFile(set.source, 0, noRoutes(set, c));
   return set;
 }
+
+namespace {
 
 RunOptions runOptions(const Options& c) {
   RunOptions o;
@@ -51,25 +58,39 @@ RunOptions runOptions(const Options& c) {
 
 }  // namespace
 
-Programmed programmed(const Options& c, bool verify) {
-  XpXdk::xpChipProfile profile = loadProfile(c.profile, "--profile");
+XpXdk::xpChipProfile chipProfile(const std::string& nameOrFile, const std::string& option) {
+  XpXdk::xpChipProfile profile = loadProfile(nameOrFile, option);
   checkEnvironment(profile);
-  profile = withEnvironmentGeometry(profile);
+  return withEnvironmentGeometry(profile);
+}
+
+std::unique_ptr<Session> programSession(const XpXdk::xpChipProfile& profile, const RouteSet& set, const Options& c,
+                                        bool verify) {
+  auto session = std::make_unique<Session>(profile, runOptions(c));
+  session->agentIs(startAgent(profile, session->options().agent));
+  checkGroupWidths(session->agent(), c.groups);
+  if (set.ops.empty()) {
+    session->program(set.routes);
+  } else {
+    session->replay(set.ops, set.routes);
+  }
+  session->survey();
+  if (verify) session->verify(set.routes);
+  return session;
+}
+
+Programmed programmed(const Options& c, bool verify) {
+  const XpXdk::xpChipProfile profile = chipProfile(c.profile, "--profile");
   Programmed p;
   p.set = loadRoutes(c);
-  p.session = std::make_unique<Session>(profile, runOptions(c));
-  p.session->agentIs(startAgent(profile, p.session->options().agent));
-  checkGroupWidths(p.session->agent(), c.groups);
-  p.session->program(p.set.routes);
-  p.session->survey();
-  if (verify) p.session->verify(p.set.routes);
+  p.session = programSession(profile, p.set, c, verify);
   return p;
 }
 
 int finish(const nlohmann::json& j, const Options& c) {
   const int status = exitStatus(j, c.allowFailed);
   if (c.json) {
-    std::cout << j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+    writeJson(std::cout, j);
   } else {
     printHuman(j, status);
   }

@@ -16,6 +16,16 @@ struct Programmed {
   std::unique_ptr<Session> session;
 };
 
+// The profile, checked against the environment, with the geometry the environment gives the
+// library. Throws BadInput; `option` names the argument for an unknown name.
+XpXdk::xpChipProfile chipProfile(const std::string& nameOrFile, const std::string& option);
+// The route input of --routes (the shipped table of the family by default). Throws BadInput.
+RouteSet loadRoutes(const Options& c);
+// Starts an agent on a new chip of the profile and programs (or replays) the routes;
+// verifies when asked. Throws BadInput.
+std::unique_ptr<Session> programSession(const XpXdk::xpChipProfile& profile, const RouteSet& set, const Options& c,
+                                        bool verify);
+
 // Reads the profile, checks the environment against it, reads the routes, starts the
 // agent and programs every route (each bad input is reported before the next is read);
 // verifies when asked. Throws BadInput.
@@ -28,6 +38,8 @@ int cmdRun(const Options& c);
 int cmdRestart(const Options& c);
 int cmdChurn(const Options& c);
 int cmdShow(const Options& c);
+int cmdLookup(const Options& c);
+int cmdCapacity(const Options& c);
 int cmdProfileList();
 int cmdProfileShow(const Options& c);
 

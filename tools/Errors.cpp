@@ -2,6 +2,9 @@
 #include "Errors.h"
 
 #include <cstdio>
+#include <iostream>
+
+#include "JsonDocument.h"
 
 namespace xplpm {
 
@@ -10,6 +13,14 @@ BadInput::BadInput(std::vector<InputError> errors)
       errors_(std::move(errors)) {}
 
 void badInput(std::string where, std::string what) { throw BadInput({InputError{std::move(where), std::move(what)}}); }
+
+InputError fileError(const std::string& file, XpLib::U64 line, std::string what) {
+  return {line ? file + ":" + std::to_string(line) : file, std::move(what), file, line};
+}
+
+void badFile(const std::string& file, XpLib::U64 line, std::string what) {
+  throw BadInput({fileError(file, line, std::move(what))});
+}
 
 namespace {
 
@@ -53,7 +64,18 @@ std::string escaped(std::string_view text) {
   return out;
 }
 
-void printInputError(const InputError& e, const char* suffix) {
+void printInputError(const InputError& e, bool json, bool skipped) {
+  const char* suffix = skipped ? " (skipped)" : "";
+  if (json) {
+    nlohmann::json problem{{"file", nullptr}, {"line", nullptr}, {"message", escaped(e.what)}, {"where", escaped(e.where)}};
+    if (!e.file.empty()) problem["file"] = escaped(e.file);
+    if (e.line) problem["line"] = e.line;
+    if (skipped) problem["skipped"] = true;
+    nlohmann::json j = documentHeader("");
+    j[skipped ? "warning" : "error"] = problem;
+    writeJson(std::cerr, j, true);
+    return;
+  }
   if (e.where.empty()) {
     std::fprintf(stderr, "xplpm: %s%s\n", escaped(e.what).c_str(), suffix);
   } else {

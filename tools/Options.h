@@ -2,13 +2,14 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "platform/Types.h"
 
 namespace xplpm {
 
 struct Options {
-  std::string command;  // run, restart, churn, show, profile list, profile show
+  std::string command;  // run, restart, churn, show, lookup, capacity, profile list, profile show
   std::string family;
   std::string routes;
   std::string profile = "reference";
@@ -24,8 +25,17 @@ struct Options {
   XpLib::U64 changes = 0;
   bool skipBad = false;
   bool allowFailed = false;
+  bool check = false;  // run, restart, churn: the state machines' own checks at the end
   std::string what;  // show
   std::string svg;   // show fill
+  bool jsonLines = false;             // show: a header record, one record per item, an end record
+  int table = -1;                     // show: only this prefix table (-1: every table)
+  XpLib::U64 limit = ~XpLib::U64(0);  // show: at most this many items
+  std::vector<std::string> queries;  // lookup: addresses and prefixes
+  std::vector<std::string> profiles;  // capacity: several profiles side by side
+  std::vector<double> growth;         // capacity: percentages of growth to try
+  double failureRate = 1.0;           // capacity: percent of added routes failing that ends the run
+  XpLib::U32 vrf = 0;                // lookup
   std::string profileName;   // profile show
   bool profileJson = false;  // profile show --json
 };

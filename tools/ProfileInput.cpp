@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "JsonDocument.h"
 #include "XpLpm/Config.h"
 #include "XpLpm/PrefixTable.h"
 
@@ -259,7 +260,11 @@ XpXdk::xpLpmTableContext lpmContext(const json& root, bool v6) {
 }
 
 XpXdk::xpChipProfile profileOf(const json& j, const std::string& file) {
-  expectObject(j, "", {"name", "description", "ipv4", "ipv6", "nextHop"});
+  expectObject(j, "", {"schema", "tool", "name", "description", "ipv4", "ipv6", "nextHop"});
+  // The header a written profile carries: a later schema may mean fields this reader does not know.
+  if (j.contains("schema")) integer(j, "", "schema", kJsonSchema, kJsonSchema);
+  if (j.contains("tool") && !j.at("tool").is_object())
+    throw Bad{"tool", "is " + describe(j.at("tool")) + ", expected an object (the tool that wrote the profile)"};
   XpXdk::xpChipProfile p;
   p.name = text(j, "name", file);
   p.description = text(j, "description", "profile read from " + file);
@@ -297,9 +302,9 @@ json contextJson(const XpXdk::xpLpmTableContext& c) {
           {"nhiEntriesPerTile", tiles ? c.nhiTableSize / tiles : 0}};
 }
 
-std::string lineOf(std::string_view text, std::size_t position) {
+XpLib::U64 lineOf(std::string_view text, std::size_t position) {
   const std::size_t upto = std::min(position, text.size());
-  return std::to_string(1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(upto), '\n'));
+  return 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(upto), '\n');
 }
 
 }  // namespace
@@ -308,14 +313,15 @@ XpXdk::xpChipProfile readProfileText(const std::string& file, std::string_view t
   PathReader reader;
   if (!json::sax_parse(text, &reader)) {
     const Bad& bad = reader.failure();
-    if (bad.what == "given twice") badInput(file + ": " + bad.field, bad.what);
-    const std::string where = file + ":" + lineOf(text, reader.position());
-    badInput(bad.field.empty() ? where : where + ": " + bad.field, "not valid JSON: " + bad.what);
+    if (bad.what == "given twice") throw BadInput({{file + ": " + bad.field, bad.what, file}});
+    const XpLib::U64 line = lineOf(text, reader.position());
+    const std::string where = file + ":" + std::to_string(line);
+    throw BadInput({{bad.field.empty() ? where : where + ": " + bad.field, "not valid JSON: " + bad.what, file, line}});
   }
   try {
     return profileOf(reader.root(), file);
   } catch (const Bad& b) {
-    badInput(b.field.empty() ? file : file + ": " + b.field, b.what);
+    throw BadInput({{b.field.empty() ? file : file + ": " + b.field, b.what, file}});
   }
 }
 
@@ -328,22 +334,23 @@ XpXdk::xpChipProfile loadProfile(const std::string& name, const std::string& opt
     badInput(option, "unknown profile '" + name + "' (built-in: " + known + "; or a FILE.json)");
   }
   std::ifstream in(name, std::ios::binary);
-  if (!in) badInput(name, "cannot open the file");
+  if (!in) badFile(name, 0, "cannot open the file");
   constexpr std::size_t kMaxBytes = 1 << 20;
   std::string text(kMaxBytes + 1, '\0');
   in.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (in.bad()) badInput(name, "cannot read the file");
+  if (in.bad()) badFile(name, 0, "cannot read the file");
   text.resize(static_cast<std::size_t>(in.gcount()));
-  if (text.size() > kMaxBytes) badInput(name, "larger than 1 MiB: not a chip profile");
+  if (text.size() > kMaxBytes) badFile(name, 0, "larger than 1 MiB: not a chip profile");
   return readProfileText(name, text);
 }
 
 std::string profileJson(const XpXdk::xpChipProfile& p) {
-  json j{{"name", p.name},
-         {"description", p.description},
-         {"ipv4", contextJson(p.ipv4)},
-         {"ipv6", contextJson(p.ipv6)},
-         {"nextHop", {{"rowBlkInc", p.nextHop.rowBlkInc}}}};
+  json j = documentHeader("");
+  j.update({{"name", p.name},
+            {"description", p.description},
+            {"ipv4", contextJson(p.ipv4)},
+            {"ipv6", contextJson(p.ipv6)},
+            {"nextHop", {{"rowBlkInc", p.nextHop.rowBlkInc}}}});
   return j.dump(2);
 }
 

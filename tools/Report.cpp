@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "Errors.h"
+#include "JsonDocument.h"
 
 namespace xplpm {
 
@@ -26,6 +27,9 @@ json routesJson(const Figures& f, const RouteSet& set) {
   r["lines"] = set.lines;
   r["blank_lines"] = set.blank;
   r["other_family"] = set.otherFamily;
+  r["withdrawals"] = set.withdrawals;
+  r["withdrawn"] = set.withdrawn;
+  r["replayed"] = set.ops.size();
   return r;
 }
 
@@ -113,25 +117,26 @@ json runJson(Session& s, const RouteSet& set, const Options& c) {
   const Figures& f = s.figures();
   const U64 requested = f.programmed.requestedAll(), installed = f.programmed.installedAll();
   const std::string family = familyName(set, c);
-  json j{{"command", c.command},
-         {"family", family},
-         {"profile", s.profile().name},
-         {"routes", routesJson(f, set)},
-         {"program",
-          {{"seconds", f.programSeconds},
-           {"routes_per_second", f.programSeconds > 0 ? requested / f.programSeconds : 0},
-           {"cpu_seconds", f.programCpuSeconds},
-           {"library_seconds", f.librarySeconds},
-           {"writer_seconds", f.writerSeconds},
-           {"agent_seconds", std::max(0.0, f.programSeconds - f.librarySeconds - f.writerSeconds)}}},
-         {"yardstick",
-          {{"seconds", f.yardstickSeconds},
-           {"routes_per_second", f.yardstickSeconds > 0 ? requested / f.yardstickSeconds : 0}}},
-         {"commands", commandsJson(s)},
-         {"hardware", hardwareJson(s)},
-         {"memory", {{"bytes", f.memoryBytes}, {"bytes_per_route", installed ? double(f.memoryBytes) / installed : 0}}},
-         {"tables", tablesJson(s, family == "mixed")},
-         {"nhi", nhiJson(s)}};
+  json j = documentHeader(c.command);
+  j.update({{"family", family},
+            {"input", set.source},
+            {"profile", s.profile().name},
+            {"routes", routesJson(f, set)},
+            {"program",
+             {{"seconds", f.programSeconds},
+              {"routes_per_second", f.programSeconds > 0 ? requested / f.programSeconds : 0},
+              {"cpu_seconds", f.programCpuSeconds},
+              {"library_seconds", f.librarySeconds},
+              {"writer_seconds", f.writerSeconds},
+              {"agent_seconds", std::max(0.0, f.programSeconds - f.librarySeconds - f.writerSeconds)}}},
+            {"yardstick",
+             {{"seconds", f.yardstickSeconds},
+              {"routes_per_second", f.yardstickSeconds > 0 ? requested / f.yardstickSeconds : 0}}},
+            {"commands", commandsJson(s)},
+            {"hardware", hardwareJson(s)},
+            {"memory", {{"bytes", f.memoryBytes}, {"bytes_per_route", installed ? double(f.memoryBytes) / installed : 0}}},
+            {"tables", tablesJson(s, family == "mixed")},
+            {"nhi", nhiJson(s)}});
   if (!f.programmed.samples.empty()) j["failure_samples"] = f.programmed.samples;
   return j;
 }
@@ -142,9 +147,21 @@ void refreshChipJson(Session& s, json& j) {
   j["nhi"] = nhiJson(s);
 }
 
+json checkJson(XpLib::Agent::XpLpmAgent& agent) {
+  json j;
+  for (bool v6 : {false, true}) {
+    const XpLib::XpLpm::LpmSm::VerifyCounts n = agent.family(v6).sm->verify();
+    j[v6 ? "ipv6" : "ipv4"] = {{"subtries", n.subTries}, {"routes", n.routes}, {"routes_stale", n.routesStale},
+                               {"blocks", n.blocks}, {"shared_records", n.sharedRecords}};
+  }
+  j["nexthop"] = {{"groups", agent.nextHopSm()->verify()}};
+  return j;
+}
+
 int exitStatus(const json& j, bool allowFailed) {
   const bool modelLost = j.contains("restart") && !j["restart"].value("model_equal", true);
-  if (count(j, "verify", "mismatches") || count(j, "churn", "mismatches") || count(j, "hardware", "errors") || modelLost)
+  if (count(j, "verify", "mismatches") || count(j, "churn", "mismatches") || count(j, "lookup", "mismatches") ||
+      count(j, "hardware", "errors") || modelLost)
     return exitMismatch;
   const bool notFit = count(j, "routes", "failed") || count(j, "churn", "failed") || count(j, "restart", "failed");
   return notFit && !allowFailed ? exitNotFit : exitOk;

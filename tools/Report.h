@@ -18,6 +18,11 @@ void refreshChipJson(Session& s, nlohmann::json& j);
 // Outcome counts of a tally: failed, failures_by_code (summing to failed) and failures_by_length.
 nlohmann::json tallyJson(const Tally& t);
 
+// What the state machines' whole-model checks went over: per family sub-tries, routes (and of
+// those the ones lagging their request), NHI blocks and sharing records; next-hop groups. A
+// broken invariant stops the process inside the check, as everywhere in the library.
+nlohmann::json checkJson(XpLib::Agent::XpLpmAgent& agent);
+
 // The document's verdict: exitMismatch for a verification mismatch, a refused chip write or
 // a restart that lost its model; exitNotFit for routes not placed (unless allowed); else exitOk.
 int exitStatus(const nlohmann::json& j, bool allowFailed);

@@ -16,18 +16,17 @@ namespace {
 
 std::string keyOf(const Route& r) { return std::to_string(r.vrf) + "/" + r.prefixStr(); }
 
-// A prefix of `len` bits that shares min(len, the template's length) leading bits with it.
-Route near(const Route& t, int len, std::mt19937_64& rng) {
+}  // namespace
+
+Route routeNear(const Route& t, int keep, int len, std::mt19937_64& rng) {
   Route r = t;
   if (!t.ipv6) {
-    const U8 keep = static_cast<U8>(std::min<int>(len, t.v4.len()));
     const XpLib::U32 random = static_cast<XpLib::U32>(rng());
-    const XpLib::U32 a = (t.v4.address() & XpLib::Prefix::mask(keep)) | (random & ~XpLib::Prefix::mask(keep));
+    const XpLib::U32 a = (t.v4.address() & XpLib::Prefix::mask(static_cast<U8>(keep))) | (random & ~XpLib::Prefix::mask(static_cast<U8>(keep)));
     r.v4 = XpLib::Prefix(a & XpLib::Prefix::mask(static_cast<U8>(len)), static_cast<U8>(len));
     return r;
   }
   XpLib::Ip6Prefix::Bytes a = t.v6.address();
-  const int keep = std::min<int>(len, t.v6.len());
   for (int i = 0; i < 16; ++i) {
     const int kept = std::clamp(keep - 8 * i, 0, 8), valid = std::clamp(len - 8 * i, 0, 8);
     const U8 keepMask = static_cast<U8>(0xFF00 >> kept), validMask = static_cast<U8>(0xFF00 >> valid);
@@ -36,8 +35,6 @@ Route near(const Route& t, int len, std::mt19937_64& rng) {
   r.v6 = XpLib::Ip6Prefix(a, static_cast<U8>(len));
   return r;
 }
-
-}  // namespace
 
 ChangeCounts applyRouteChanges(XpLib::Agent::XpLpmAgent& agent, std::vector<Route>& wanted, U64 n, U64 seed) {
   std::mt19937_64 rng(seed);
@@ -64,7 +61,8 @@ ChangeCounts applyRouteChanges(XpLib::Agent::XpLpmAgent& agent, std::vector<Rout
       const Route& t = wanted[i];
       const int maxLen = t.ipv6 ? 128 : 32, len = t.ipv6 ? t.v6.len() : t.v4.len();
       for (int attempt = 0; attempt < 8; ++attempt) {
-        Route r = near(t, std::clamp(len + static_cast<int>(rng() % 9) - 4, 1, maxLen), rng);
+        const int newLen = std::clamp(len + static_cast<int>(rng() % 9) - 4, 1, maxLen);
+        Route r = routeNear(t, std::min(newLen, len), newLen, rng);
         r.nextHop = rng() % (4 * groups);
         if (!keys.insert(keyOf(r)).second) continue;
         agent.routeIs(r);

@@ -2,11 +2,16 @@
 // changes, withdrawals, and new routes drawn from the address space of the table.
 #pragma once
 
+#include <random>
 #include <vector>
 
 #include "agent/XpLpmAgent.h"
 
 namespace xplpm {
+
+// A prefix of `len` bits that keeps the first `keep` bits of the template's (keep <= both
+// lengths) and draws the rest; VRF and next hop are the template's.
+XpLib::Agent::Route routeNear(const XpLib::Agent::Route& t, int keep, int len, std::mt19937_64& rng);
 
 struct ChangeCounts {
   XpLib::U64 nextHop = 0, withdrawn = 0, added = 0;

@@ -119,14 +119,27 @@ void Session::agentIs(std::unique_ptr<XpLpmAgent> a) {
 U64 Session::hardwareErrors() const { return earlierErrors_ + (agent_ ? refusedWrites(*agent_) : 0); }
 
 void Session::program(const std::vector<Route>& routes) {
+  request(routes.size(), [&](std::size_t i) { return std::pair(false, &routes[i]); }, routes);
+}
+
+void Session::replay(const std::vector<RouteOp>& ops, const std::vector<Route>& wanted) {
+  request(ops.size(), [&](std::size_t i) { return std::pair(ops[i].withdraw, &ops[i].route); }, wanted);
+}
+
+void Session::request(std::size_t n, const RequestAt& at, const std::vector<Route>& wanted) {
   if (!agent_) agent_ = startAgent(profile_, options_.agent);
   const std::size_t chipBefore = agent_->chip().storedBytes();
   const std::size_t heapStart = heapInUse();
-  Progress bar(options_.progress, "programming", routes.size());
+  Progress bar(options_.progress, "programming", n);
   const double library0 = agent_->librarySeconds(), writer0 = writerSeconds(*agent_), cpu0 = cpuSeconds();
   const auto t0 = std::chrono::steady_clock::now();
-  for (std::size_t i = 0; i < routes.size(); ++i) {
-    agent_->routeIs(routes[i]);
+  for (std::size_t i = 0; i < n; ++i) {
+    const auto [withdraw, route] = at(i);
+    if (withdraw) {
+      agent_->routeDel(*route);
+    } else {
+      agent_->routeIs(*route);
+    }
     bar.at(i);
   }
   figures_.programSeconds = since(t0);
@@ -138,15 +151,21 @@ void Session::program(const std::vector<Route>& routes) {
   // The library's model: what programming added to the heap, less what the simulated chip stored.
   figures_.memoryBytes = heapEnd > heapStart + (chipAfter - chipBefore) ? heapEnd - heapStart - (chipAfter - chipBefore) : 0;
   // Counted once every route is in: a later group move may have withdrawn an earlier route.
-  figures_.programmed = tally(*agent_, routes);
+  figures_.programmed = tally(*agent_, wanted);
   // The yardstick: the same keys into a plain hash map, in this process.
   std::unordered_map<XpLib::VrfAndPrefix, XpLib::Agent::NextHopBlock, KeyHash> yard4;
   std::unordered_map<XpLib::VrfAndIp6Prefix, XpLib::Agent::NextHopBlock, KeyHash> yard6;
   const auto t1 = std::chrono::steady_clock::now();
-  for (const Route& r : routes) {
+  for (std::size_t i = 0; i < n; ++i) {
+    const auto [withdraw, route] = at(i);
+    const Route& r = *route;
     const XpLib::Agent::NextHopBlock block(static_cast<XpLib::U32>(r.nextHop % options_.agent.nextHopGroups) * 8, 8);
-    if (r.ipv6) {
+    if (r.ipv6 && withdraw) {
+      yard6.erase(XpLib::VrfAndIp6Prefix{r.vrf, r.v6});
+    } else if (r.ipv6) {
       yard6[XpLib::VrfAndIp6Prefix{r.vrf, r.v6}] = block;
+    } else if (withdraw) {
+      yard4.erase(XpLib::VrfAndPrefix{r.vrf, r.v4});
     } else {
       yard4[XpLib::VrfAndPrefix{r.vrf, r.v4}] = block;
     }

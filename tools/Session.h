@@ -2,6 +2,7 @@
 // the figures the commands report.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -75,6 +76,9 @@ class Session {
 
   // Starts the agent on an empty chip, then programs every route and measures it.
   void program(const std::vector<XpLib::Agent::Route>& routes);
+  // The same for an update input: its announcements and withdrawals in order; `wanted` is
+  // what stands at the end.
+  void replay(const std::vector<RouteOp>& ops, const std::vector<XpLib::Agent::Route>& wanted);
   // Looks every route up at its first and last address, plus `probes` random addresses.
   void verify(const std::vector<XpLib::Agent::Route>& routes);
   // Fills and audits the chip's tables.
@@ -91,6 +95,11 @@ class Session {
   U64 hardwareErrors() const;
 
  private:
+  // Request i: whether it is a withdrawal, and its route.
+  using RequestAt = std::function<std::pair<bool, const XpLib::Agent::Route*>(std::size_t)>;
+  // Makes n requests, measuring them, then counts `wanted` and times the yardstick.
+  void request(std::size_t n, const RequestAt& at, const std::vector<XpLib::Agent::Route>& wanted);
+
   XpXdk::xpChipProfile profile_;
   RunOptions options_;
   std::unique_ptr<XpLib::Agent::XpLpmAgent> agent_;

@@ -1,6 +1,7 @@
 // xplpm: program real route tables into a simulated chip through the library,
 // verify every lookup, restart, churn, and show what the tables hold.
 #include <fstream>
+#include <string_view>
 
 #include "Cli.h"
 #include "Commands.h"
@@ -16,8 +17,20 @@ int dispatch(const Options& c) {
   if (c.command == "restart") return cmdRestart(c);
   if (c.command == "churn") return cmdChurn(c);
   if (c.command == "show") return cmdShow(c);
+  if (c.command == "lookup") return cmdLookup(c);
+  if (c.command == "capacity") return cmdCapacity(c);
   if (c.command == "profile list") return cmdProfileList();
   return cmdProfileShow(c);
+}
+
+// Whether errors go out as JSON: asked for on the command line, even one that does not parse.
+bool jsonAsked(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "--") break;
+    if (arg == "--json" || arg == "--json-lines") return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -26,12 +39,13 @@ int main(int argc, char** argv) {
   CLI::App app{"xplpm: longest-prefix-match route tables on a simulated Xp chip"};
   Options c;
   buildCli(app, c);
+  const bool json = jsonAsked(argc, argv);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {  // --help, --version
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    printInputError({"", e.what()});
+    printInputError({"", e.what()}, json);
     return exitBadInput;
   }
   try {
@@ -39,14 +53,14 @@ int main(int argc, char** argv) {
     if (c.trace >= 0) {
       if (!c.traceFile.empty()) {
         traceOut.open(c.traceFile);
-        if (!traceOut) badInput(c.traceFile, "cannot write the trace file");
+        if (!traceOut) badFile(c.traceFile, 0, "cannot write the trace file");
         XpLib::Trace::sinkIs([&](int, std::string_view line) { traceOut << line << '\n'; });
       }
       XpLib::Trace::levelIs(c.trace);
     }
     return dispatch(c);
   } catch (const BadInput& e) {
-    for (const InputError& error : e.errors()) printInputError(error);
+    for (const InputError& error : e.errors()) printInputError(error, json);
     return exitBadInput;
   }
 }

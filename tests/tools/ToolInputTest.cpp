@@ -49,6 +49,8 @@ TEST(ToolInputTest, EveryRouteLineIsAccountedFor) {
       {"NUL in a route", "10.0.0.0/8 1\0 2\n10.1.0.0/16 2\n"s, 1, 1},
       {"empty bgpdump line", "TABLE_DUMP2||||||\nTABLE_DUMP2|1|B|192.0.2.1|64500|10.0.0.0/8|64500 15169|IGP\n", 1, 1},
       {"bgpdump path not ending in an AS", "TABLE_DUMP2|1|B|192.0.2.1|64500|10.0.0.0/8|64500 {}|IGP\n", 0, 1},
+      {"bgpdump peer not an address", "TABLE_DUMP2|1|B|peer|64500|10.0.0.0/8|64500 15169|IGP\n", 0, 1},
+      {"update line of no known type", "BGP4MP|1|X|192.0.2.1|64500|10.0.0.0/8\n", 0, 1},
       {"overlong line", std::string(kMaxLineBytes + 10, '1') + "\n10.0.0.0/8 1\n", 1, 1},
       {"byte-order mark", "\xEF\xBB\xBF" "10.0.0.0/8 1\n", 1, 0},
       {"duplicate and other family", "10.0.0.0/8 1\n10.0.0.0/8 2\n2001:db8::/32 1\n", 1, 0},
@@ -58,7 +60,57 @@ TEST(ToolInputTest, EveryRouteLineIsAccountedFor) {
     const RouteSet set = readRouteText("t", c.text, FamilyFilter::ipv4, true);
     EXPECT_EQ(set.routes.size(), c.routes);
     EXPECT_EQ(set.badLines.size(), c.bad);
-    EXPECT_EQ(set.lines, set.routes.size() + set.duplicates + set.otherFamily + set.badLines.size() + set.blank);
+    EXPECT_EQ(set.lines, set.accounted());
+  }
+}
+
+// Several peers' lines for one prefix give one route by the documented rule, whatever their
+// order; update lines replay as the changes of each prefix's route, in file order.
+TEST(ToolInputTest, PeersPickOnePathAndUpdatesReplayInOrder) {
+  const std::string rib = "TABLE_DUMP2|1|B|";
+  struct Case {
+    const char* name;
+    std::vector<std::string> lines;
+    std::string routes;  // "PREFIX NEXTHOP;" of the routes wanted at the end
+    std::string ops;     // "+PREFIX NEXTHOP;" or "-PREFIX;" of the replay
+    bool anyOrder = true;  // the RIB lines give the same routes in either order
+  } cases[] = {
+      {"shorter path", {rib + "192.0.2.1|1|10.0.0.0/8|1 2 3|IGP", rib + "192.0.2.2|1|10.0.0.0/8|1 4|IGP"}, "10.0.0.0/8 4;", ""},
+      {"an AS set counts one", {rib + "192.0.2.1|1|10.0.0.0/8|1 2 {3,4,5}|IGP", rib + "192.0.2.2|1|10.0.0.0/8|1 2 6 7|IGP"},
+       "10.0.0.0/8 3;", ""},
+      {"lowest peer, by number not text", {rib + "192.0.2.10|1|10.0.0.0/8|1 10|IGP", rib + "192.0.2.9|1|10.0.0.0/8|1 9|IGP"},
+       "10.0.0.0/8 9;", ""},
+      {"an IPv4 peer before an IPv6 one", {rib + "2001:db8::1|1|10.0.0.0/8|1 6|IGP", rib + "192.0.2.200|1|10.0.0.0/8|1 4|IGP"},
+       "10.0.0.0/8 4;", ""},
+      {"a peer's later line replaces its own", {rib + "192.0.2.1|1|10.0.0.0/8|1 2|IGP", rib + "192.0.2.1|1|10.0.0.0/8|1 3 4|IGP"},
+       "10.0.0.0/8 4;", "", false},
+      {"updates replayed",
+       {rib + "192.0.2.1|1|10.0.0.0/8|1 2|IGP", rib + "192.0.2.2|1|10.0.0.0/8|1 5 3|IGP", rib + "192.0.2.1|1|10.9.0.0/16|1 7|IGP",
+        "BGP4MP|2|STATE|192.0.2.1|1|3|6", "BGP4MP|3|A|192.0.2.1|1|10.1.0.0/16|1 9|IGP|192.0.2.1|0|0||NAG||",
+        "BGP4MP|4|W|192.0.2.1|1|10.0.0.0/8", "BGP4MP_ET|5|W|192.0.2.1|1|10.9.0.0/16", "BGP4MP|6|W|192.0.2.3|1|10.7.0.0/16",
+        "BGP4MP|7|A|192.0.2.2|1|10.0.0.0/8|1 5 3|IGP|192.0.2.2|0|0||NAG||"},
+       "10.0.0.0/8 3;10.1.0.0/16 9;", "+10.0.0.0/8 2;+10.9.0.0/16 7;+10.1.0.0/16 9;+10.0.0.0/8 3;-10.9.0.0/16;", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (bool reversed : {false, true}) {
+      if (reversed && !c.anyOrder) continue;
+      std::string text;
+      for (std::size_t i = 0; i < c.lines.size(); ++i) text += c.lines[reversed ? c.lines.size() - 1 - i : i] + "\n";
+      const RouteSet set = readRouteText("t", text, FamilyFilter::any, false);
+      ASSERT_TRUE(set.badLines.empty()) << set.badLines.front().what;
+      std::string routes, ops;
+      for (const Route& r : set.routes) routes += r.prefixStr() + " " + std::to_string(r.nextHop) + ";";
+      for (const RouteOp& op : set.ops) {
+        ops += op.withdraw ? '-' : '+';
+        ops += op.route.prefixStr();
+        if (!op.withdraw) ops += ' ' + std::to_string(op.route.nextHop);
+        ops += ';';
+      }
+      EXPECT_EQ(routes, c.routes);
+      EXPECT_EQ(ops, c.ops);
+      EXPECT_EQ(set.lines, set.accounted());
+    }
   }
 }
 
