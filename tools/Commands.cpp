@@ -24,6 +24,8 @@ std::string noRoutes(const RouteSet& set, const Options& c) {
   return std::string("no routes: ") + std::to_string(set.lines) + " lines, all blank or comments";
 }
 
+}  // namespace
+
 RouteSet loadRoutes(const Options& c) {
   FamilyFilter filter = FamilyFilter::any;
   if (c.family == "ipv4") filter = FamilyFilter::ipv4;
@@ -48,8 +50,6 @@ RunOptions runOptions(const Options& c) {
   o.progress = isatty(2) && !c.json;
   return o;
 }
-
-}  // namespace
 
 Programmed programmed(const Options& c, bool verify) {
   XpXdk::xpChipProfile profile = loadProfile(c.profile, "--profile");

@@ -16,6 +16,13 @@ struct Programmed {
   std::unique_ptr<Session> session;
 };
 
+// The routes of --routes (or the shipped table of --family), bad lines reported as --skip-bad-lines
+// says. Throws BadInput, also for a file with no route of the family.
+RouteSet loadRoutes(const Options& c);
+
+// How the agent and the session run, from the options.
+RunOptions runOptions(const Options& c);
+
 // Reads the profile, checks the environment against it, reads the routes, starts the
 // agent and programs every route (each bad input is reported before the next is read);
 // verifies when asked. Throws BadInput.
@@ -28,6 +35,8 @@ int cmdRun(const Options& c);
 int cmdRestart(const Options& c);
 int cmdChurn(const Options& c);
 int cmdShow(const Options& c);
+int cmdServe(const Options& c);
+int cmdFpmSend(const Options& c);
 int cmdProfileList();
 int cmdProfileShow(const Options& c);
 

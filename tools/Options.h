@@ -2,13 +2,14 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "platform/Types.h"
 
 namespace xplpm {
 
 struct Options {
-  std::string command;  // run, restart, churn, show, profile list, profile show
+  std::string command;  // run, restart, churn, show, serve, fpm-send, profile list, profile show
   std::string family;
   std::string routes;
   std::string profile = "reference";
@@ -28,6 +29,19 @@ struct Options {
   std::string svg;   // show fill
   std::string profileName;   // profile show
   bool profileJson = false;  // profile show --json
+  // serve
+  std::string fpmListen = "127.0.0.1:2620";
+  std::string jsonOut;
+  std::string state;
+  std::vector<std::string> vrfMaps;  // TABLE=VRF
+  double reconcileAfter = 5;
+  std::string fibOut;
+  // fpm-send
+  std::string connect;
+  std::string style = "objects";
+  XpLib::U32 multipathSets = 16;
+  bool withdraw = false;
+  double wait = 60;
 };
 
 }  // namespace xplpm

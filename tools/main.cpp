@@ -16,6 +16,8 @@ int dispatch(const Options& c) {
   if (c.command == "restart") return cmdRestart(c);
   if (c.command == "churn") return cmdChurn(c);
   if (c.command == "show") return cmdShow(c);
+  if (c.command == "serve") return cmdServe(c);
+  if (c.command == "fpm-send") return cmdFpmSend(c);
   if (c.command == "profile list") return cmdProfileList();
   return cmdProfileShow(c);
 }
