@@ -190,8 +190,9 @@ Outcome exchange(fpm::Connection& conn, Sender& sender, Answers& answers, const 
     if (!sending && !conn.wantsWrite() && o.sendSeconds == 0) o.sendSeconds = std::chrono::duration<double>(Clock::now() - t0).count();
     const bool waiting = !c.withdraw && c.wait > 0 && answers.answered() < sender.routesSent;
     if (!sending && !conn.wantsWrite() && (!waiting || deadline())) break;
-    pollfd p{conn.fd(), static_cast<short>(POLLIN | (conn.wantsWrite() ? POLLOUT : 0)), 0};
-    poll(&p, 1, sending ? 100 : 50);
+    // While there is more to send, a writable socket wakes the loop as well as an answer does.
+    pollfd p{conn.fd(), static_cast<short>(POLLIN | (sending || conn.wantsWrite() ? POLLOUT : 0)), 0};
+    poll(&p, 1, 50);
     if (!(p.revents & (POLLIN | POLLHUP | POLLERR))) continue;
     const auto r = conn.read(in, 1 << 20, why);
     if (r == fpm::Connection::Read::closed || r == fpm::Connection::Read::failed) badInput("--connect " + c.connect, "the server closed the connection" + (why.empty() ? "" : ": " + why));

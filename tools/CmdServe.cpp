@@ -242,11 +242,12 @@ int ServeHandler::finish() {
 }  // namespace
 
 int cmdServe(const Options& c) {
+  // Caught from the start: a SIGTERM during a long warm start ends the process cleanly once it is up.
+  fpm::FpmServer::catchSignals();
   Served s = setUp(c);
   std::string why;
   fpm::Socket listener = fpm::listenOn(s.listen, why);
   if (!listener) badInput("--fpm-listen " + c.fpmListen, why);
-  fpm::FpmServer::catchSignals();
   fpm::FpmServer server(std::move(listener));
   ServeHandler handler(c, s, server);
   const auto& restart = s.session->agent().restartReport();
