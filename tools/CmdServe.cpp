@@ -66,7 +66,7 @@ Served setUp(const Options& c) {
   checkEnvironment(s.profile);
   s.profile = withEnvironmentGeometry(s.profile);
   std::string why;
-  const std::optional<fpm::Endpoint> listen = fpm::parseEndpoint(c.fpmListen, why);
+  const std::optional<fpm::Endpoint> listen = fpm::parseEndpoint(c.fpmListen, why, true);
   if (!listen) badInput("--fpm-listen", why);
   s.listen = *listen;
   s.vrfs = vrfMaps(c);
@@ -88,9 +88,9 @@ Served setUp(const Options& c) {
 
 class ServeHandler final : public fpm::ServerHandler {
  public:
-  ServeHandler(const Options& c, Served& s, const fpm::FpmServer& server)
+  ServeHandler(const Options& c, Served& s, const fpm::FpmServer& server, const std::string& listen)
       : c_(c), s_(s), server_(server), rib_(s.session->agent(), {s.vrfs, s.warm}), progress_(isatty(2) && !c.json) {
-    figures_.listen = c.fpmListen;
+    figures_.listen = listen;
     figures_.warm = s.warm;
   }
 
@@ -248,15 +248,16 @@ int cmdServe(const Options& c) {
   std::string why;
   fpm::Socket listener = fpm::listenOn(s.listen, why);
   if (!listener) badInput("--fpm-listen " + c.fpmListen, why);
+  const std::string bound = fpm::localAddress(listener.fd());
   fpm::FpmServer server(std::move(listener));
-  ServeHandler handler(c, s, server);
+  ServeHandler handler(c, s, server, bound);
   const auto& restart = s.session->agent().restartReport();
   if (s.warm) {
     handler.log("warm restart from %s: %llu routes recovered; reconciling after %.2f s of quiet from the routing stack",
                 c.state.c_str(), static_cast<unsigned long long>(restart.routesRecovered[0] + restart.routesRecovered[1]),
                 c.reconcileAfter);
   }
-  handler.log("listening on %s", c.fpmListen.c_str());
+  handler.log("listening on %s", bound.c_str());
   const int sig = server.run(handler);
   handler.log("stopping on %s", sig == SIGINT ? "SIGINT" : "SIGTERM");
   return handler.finish();

@@ -260,44 +260,75 @@ void ServeRib::route(const fpm::RouteMessage& m) {
 
 void ServeRib::nextHop(const fpm::NextHopMessage& m) {
   ++counts_.nextHopMessages;
+  auto it = nextHops_.find(m.id);
   if (!m.add) {
-    const auto it = nextHops_.find(m.id);
     if (it == nextHops_.end()) return;
     const U32 old = it->second.set;
-    nextHops_.erase(it);
-    nextHopsChanged({m.id});
+    forgetNextHop(m.id);
+    nextHopChanged(m.id, old);
     dropHolder(old);
     return;
   }
-  auto [it, fresh] = nextHops_.try_emplace(m.id);
+  const bool fresh = it == nextHops_.end();
+  if (fresh) it = nextHops_.emplace(m.id, NextHopObject{}).first;
   NextHopObject& o = it->second;
   o.epoch = epoch_;
   if (!fresh && o.blackhole == m.blackhole && o.path == m.path && o.group == m.group) return;
-  const U32 old = o.set;
+  indexGroup(m.id, o.group, false);
   o.blackhole = m.blackhole;
   o.path = m.path;
   o.group = m.group;
+  indexGroup(m.id, o.group, true);
+  const U32 old = o.set;
   o.set = resolve(o);
-  // A new object is named by no route yet, unless routes came before it.
-  if (o.set != old && (!fresh || unresolvedRoutes_ > 0)) nextHopsChanged({m.id});
+  if (o.set != old) nextHopChanged(m.id, old);
   dropHolder(old);
 }
 
-void ServeRib::nextHopsChanged(std::vector<U32> ids) {
-  std::unordered_set<U32> changed(ids.begin(), ids.end());
-  for (auto& [id, o] : nextHops_) {
-    if (o.group.empty() || std::none_of(o.group.begin(), o.group.end(), [&](const auto& g) { return changed.contains(g.id); }))
-      continue;
-    const U32 old = o.set;
-    o.set = resolve(o);
-    if (o.set != old) changed.insert(id);
-    dropHolder(old);
+void ServeRib::indexGroup(U32 id, const std::vector<fpm::NextHopMessage::Member>& members, bool add) {
+  for (const auto& member : members) {
+    std::vector<U32>& groups = groupsWith_[member.id];
+    if (add) {
+      groups.push_back(id);
+    } else if (const auto at = std::find(groups.begin(), groups.end(), id); at != groups.end()) {
+      groups.erase(at);
+    }
+    if (groups.empty()) groupsWith_.erase(member.id);
   }
-  if (awaiting_) return;
+}
+
+void ServeRib::forgetNextHop(U32 id) {
+  const auto it = nextHops_.find(id);
+  indexGroup(id, it->second.group, false);
+  nextHops_.erase(it);
+}
+
+void ServeRib::nextHopChanged(U32 id, U32 oldSet) {
+  // Groups resolve anew when an object they name changes (zebra may send a group before its
+  // members), and so on up; routes naming any of them are programmed again.
+  std::vector<U32> changed{id};
+  bool wasResolved = oldSet != kNoSet;
+  for (std::size_t i = 0; i < changed.size(); ++i) {
+    const auto groups = groupsWith_.find(changed[i]);
+    if (groups == groupsWith_.end()) continue;
+    for (U32 groupId : groups->second) {
+      NextHopObject& g = nextHops_.at(groupId);
+      const U32 before = g.set;
+      g.set = resolve(g);
+      if (g.set != before) {
+        changed.push_back(groupId);
+        wasResolved = wasResolved || before != kNoSet;
+      }
+      dropHolder(before);
+    }
+  }
+  // A route names an object only once it is known, unless routes came before their objects.
+  if (awaiting_ || (!wasResolved && unresolvedRoutes_ == 0)) return;
+  const std::unordered_set<U32> ids(changed.begin(), changed.end());
   unresolvedRoutes_ = 0;
   for (auto& [k, e] : routes_) {
     if (e.nhId == 0) continue;
-    if (changed.contains(e.nhId)) {
+    if (ids.contains(e.nhId)) {
       program(k, e);
       markDirty(k, e);
     }
@@ -320,8 +351,9 @@ void ServeRib::sweepStale() {
     for (const auto& [id, o] : nextHops_)
       if (o.epoch < epoch_ && o.group.empty() != groups && !named.contains(id)) gone.push_back(id);
     for (U32 id : gone) {
-      dropHolder(nextHops_[id].set);
-      nextHops_.erase(id);
+      const U32 set = nextHops_[id].set;
+      forgetNextHop(id);
+      dropHolder(set);
     }
     for (const auto& [id, o] : nextHops_)
       for (const auto& g : o.group) named.insert(g.id);

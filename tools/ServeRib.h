@@ -139,8 +139,11 @@ class ServeRib {
   void program(const Key& k, Entry& e);
   void unprogram(const Key& k, Entry& e);
   void erase(const Key& k);
-  // Re-resolves the objects that are or contain these ids, and reprograms their routes.
-  void nextHopsChanged(std::vector<U32> ids);
+  // After object `id` changed from `oldSet`: re-resolves the groups that name it, and reprograms
+  // the routes of every object whose set changed.
+  void nextHopChanged(U32 id, U32 oldSet);
+  void indexGroup(U32 id, const std::vector<fpm::NextHopMessage::Member>& members, bool add);
+  void forgetNextHop(U32 id);
   void sweepStale();
   void markDirty(const Key& k, Entry& e);
   std::string setText(U32 set) const;
@@ -157,6 +160,7 @@ class ServeRib {
   std::unordered_map<std::string, U32> setByKey_;
   std::unordered_map<XpLib::U64, U32> setByGroup_;
   std::unordered_map<U32, NextHopObject> nextHops_;
+  std::unordered_map<U32, std::vector<U32>> groupsWith_;  // member id -> the group objects naming it
   std::vector<Key> dirty_;
   U64 unresolvedRoutes_ = 0;  // routes whose object is unknown, kept up to date only roughly: a hint to rescan
   U64 trimmed_ = 0;

@@ -30,7 +30,7 @@ std::string errnoText(const char* what) { return std::string(what) + ": " + std:
 
 }  // namespace
 
-std::optional<Endpoint> parseEndpoint(std::string_view text, std::string& why) {
+std::optional<Endpoint> parseEndpoint(std::string_view text, std::string& why, bool anyPort) {
   const auto colon = text.rfind(':');
   if (colon == std::string_view::npos) {
     why = "'" + std::string(text) + "' is not ADDR:PORT";
@@ -39,8 +39,9 @@ std::optional<Endpoint> parseEndpoint(std::string_view text, std::string& why) {
   std::string_view host = text.substr(0, colon), portText = text.substr(colon + 1);
   unsigned port = 0;
   const auto [end, ec] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
-  if (portText.empty() || ec != std::errc() || end != portText.data() + portText.size() || port == 0 || port > 65535) {
-    why = "'" + std::string(portText) + "' is not a port (1 to 65535)";
+  if (portText.empty() || ec != std::errc() || end != portText.data() + portText.size() || (port == 0 && !anyPort) ||
+      port > 65535) {
+    why = "'" + std::string(portText) + "' is not a port (" + (anyPort ? "0" : "1") + " to 65535)";
     return std::nullopt;
   }
   if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
@@ -101,19 +102,33 @@ Socket listenOn(const Endpoint& at, std::string& why) {
   return s;
 }
 
+namespace {
+
+std::string addressText(const sockaddr_storage& a) {
+  char text[INET6_ADDRSTRLEN] = "?";
+  const bool v6 = a.ss_family == AF_INET6;
+  const auto* in4 = reinterpret_cast<const sockaddr_in*>(&a);
+  const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&a);
+  inet_ntop(a.ss_family, v6 ? static_cast<const void*>(&in6->sin6_addr) : &in4->sin_addr, text, sizeof text);
+  const unsigned port = ntohs(v6 ? in6->sin6_port : in4->sin_port);
+  return (v6 ? "[" + std::string(text) + "]" : std::string(text)) + ":" + std::to_string(port);
+}
+
+}  // namespace
+
+std::string localAddress(int fd) {
+  sockaddr_storage a{};
+  socklen_t length = sizeof a;
+  return getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length) == 0 ? addressText(a) : "?";
+}
+
 Socket acceptFrom(const Socket& listener, std::string& peer) {
   sockaddr_storage from{};
   socklen_t length = sizeof from;
   Socket s(accept4(listener.fd(), reinterpret_cast<sockaddr*>(&from), &length, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!s) return {};
   noDelay(s.fd());
-  char text[INET6_ADDRSTRLEN] = "?";
-  const bool v6 = from.ss_family == AF_INET6;
-  const void* address = v6 ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(&from)->sin6_addr)
-                           : &reinterpret_cast<sockaddr_in*>(&from)->sin_addr;
-  inet_ntop(from.ss_family, address, text, sizeof text);
-  const unsigned port = ntohs(v6 ? reinterpret_cast<sockaddr_in6*>(&from)->sin6_port : reinterpret_cast<sockaddr_in*>(&from)->sin_port);
-  peer = (v6 ? "[" + std::string(text) + "]" : std::string(text)) + ":" + std::to_string(port);
+  peer = addressText(from);
   return s;
 }
 

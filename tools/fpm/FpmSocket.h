@@ -20,8 +20,11 @@ struct Endpoint {
 };
 
 // "127.0.0.1:2620", "[::1]:2620" or "localhost:2620" (numeric addresses only, and
-// "localhost"); nullopt with `why` set otherwise.
-std::optional<Endpoint> parseEndpoint(std::string_view text, std::string& why);
+// "localhost"); nullopt with `why` set otherwise. Port 0 (any free port) only where `anyPort`.
+std::optional<Endpoint> parseEndpoint(std::string_view text, std::string& why, bool anyPort = false);
+
+// "ADDR:PORT" of a socket's own address, as bound.
+std::string localAddress(int fd);
 
 // An open socket, closed with its owner.
 class Socket {
