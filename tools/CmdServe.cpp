@@ -83,6 +83,8 @@ Served setUp(const Options& c) {
   RunOptions options = runOptions(c);
   s.session = std::make_unique<Session>(s.profile, options);
   s.session->agentIs(startAgent(s.profile, options.agent, s.port, s.warm ? XpLpmAgent::Start::warm : XpLpmAgent::Start::cold));
+  // The agent's scratch block for group moves takes 8 entries, whatever the widths of the sets.
+  checkGroupWidths(s.session->agent(), 4);
   return s;
 }
 
