@@ -71,6 +71,7 @@ std::vector<RouteMessage> sampleRoutes() {
   r.back().table = 100000;  // beyond rtm_table: RTA_TABLE carries it
   r.push_back(route(true, {0x20, 0x01, 0x0d, 0xb8, 0, 1}, 48));
   r.back().add = false;
+  r.back().type = RTN_UNSPEC;  // zebra leaves the type of a withdrawal unset
   r.back().priority.reset();
   r.push_back(route(false, {0, 0, 0, 0}, 0));  // the default route
   r.back().paths = {path(0, {}, 2)};
@@ -132,8 +133,10 @@ void expectSamples(const Seen& seen) {
     EXPECT_EQ(seen.nextHops[i].add, nextHops[i].add);
     EXPECT_EQ(seen.nextHops[i].id, nextHops[i].id);
     EXPECT_EQ(seen.nextHops[i].blackhole, nextHops[i].blackhole);
-    if (nextHops[i].add) EXPECT_EQ(seen.nextHops[i].path, nextHops[i].path);
-    if (nextHops[i].add) EXPECT_EQ(seen.nextHops[i].group, nextHops[i].group);
+    if (nextHops[i].add) {
+      EXPECT_EQ(seen.nextHops[i].path, nextHops[i].path);
+      EXPECT_EQ(seen.nextHops[i].group, nextHops[i].group);
+    }
   }
 }
 
@@ -168,6 +171,8 @@ TEST(FpmWireTest, SeveralMessagesInOneFrameAndOtherMessagesIgnored) {
   RouteMessage local = route(false, {127, 0, 0, 1}, 32);
   local.type = RTN_LOCAL;
   appendRoute(netlink, local);
+  local.type = RTN_UNSPEC;  // only a withdrawal may leave its type unset
+  appendRoute(netlink, local);
   std::string stream;
   appendFrame(stream, netlink);
   Seen seen;
@@ -175,7 +180,7 @@ TEST(FpmWireTest, SeveralMessagesInOneFrameAndOtherMessagesIgnored) {
   ASSERT_TRUE(reader.feed(stream, seen));
   EXPECT_EQ(seen.frames, 1);
   expectSamples(seen);
-  EXPECT_EQ(seen.ignoredWhy, (std::vector<std::string>{"netlink control message", "local route"}));
+  EXPECT_EQ(seen.ignoredWhy, (std::vector<std::string>{"netlink control message", "local route", "route of another type"}));
 }
 
 // Bytes of a message as written, changed by `edit`, framed.

@@ -140,8 +140,26 @@ bool hostBitsClear(const RouteMessage& m) {
   return true;
 }
 
-const char* ignoredRouteType(std::uint8_t type) {
-  switch (type) {
+// What a route message's header says; its attributes come after.
+void startRoute(RouteMessage& m, const rtmsg& rtm, bool add, std::uint64_t at) {
+  m.add = add;
+  m.ipv6 = rtm.rtm_family == AF_INET6;
+  m.dst = {};
+  m.len = rtm.rtm_dst_len;
+  m.table = rtm.rtm_table;
+  m.protocol = rtm.rtm_protocol;
+  m.type = rtm.rtm_type;
+  m.flags = rtm.rtm_flags;
+  m.priority.reset();
+  m.nhId.reset();
+  m.paths.clear();
+  m.offset = at;
+}
+
+const char* ignoredRoute(const RouteMessage& m) {
+  // zebra leaves the type of a withdrawal unset: whatever the route was, it goes.
+  if (!m.add && m.type == RTN_UNSPEC) return nullptr;
+  switch (m.type) {
     case RTN_UNICAST:
     case RTN_BLACKHOLE:
     case RTN_UNREACHABLE:
@@ -271,18 +289,7 @@ bool NetlinkParser::parseRoute(std::string_view msg, std::uint16_t type, std::ui
     return true;
   }
   RouteMessage& m = route_;
-  m.add = type == RTM_NEWROUTE;
-  m.ipv6 = rtm.rtm_family == AF_INET6;
-  m.dst = {};
-  m.len = rtm.rtm_dst_len;
-  m.table = rtm.rtm_table;
-  m.protocol = rtm.rtm_protocol;
-  m.type = rtm.rtm_type;
-  m.flags = rtm.rtm_flags;
-  m.priority.reset();
-  m.nhId.reset();
-  m.paths.clear();
-  m.offset = at;
+  startRoute(m, rtm, type == RTM_NEWROUTE, at);
   if (m.len > (m.ipv6 ? 128 : 32)) {
     why_ = std::string(name) + " with prefix length " + num(m.len);
     return false;
@@ -311,7 +318,7 @@ bool NetlinkParser::parseRoute(std::string_view msg, std::uint16_t type, std::ui
     return false;
   }
   if (single.family != 0 || single.ifindex != 0) m.paths.insert(m.paths.begin(), single);
-  if (const char* other = ignoredRouteType(m.type)) {
+  if (const char* other = ignoredRoute(m)) {
     sink.ignored(at, other);
     return true;
   }
