@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian machine lacks to build and test xplpm. Safe to rerun.
-# clang and its runtime build the fuzz targets; pkg-config builds the install check's consumer.
+# clang and its runtime build the fuzz targets; pkg-config builds the install check's consumer; frr
+# (zebra, staticd, vtysh) feeds `xplpm serve` in the tests labelled frr.
 set -euo pipefail
 
 packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev libcli11-dev nlohmann-json3-dev
-          pkg-config clang libclang-rt-14-dev)
+          pkg-config clang libclang-rt-14-dev frr)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -78,15 +78,19 @@ inline std::string realLines(int n, const char* table = "routes-v4.txt.gz") {
   return text;
 }
 
-// `xplpm ARGS` in the background, its output in scratch files; stopped with the object.
+// The command line of `xplpm ARGS`.
+inline std::string tool(const std::string& args) { return std::string(XPLPM_TOOL) + " " + args; }
+
+// A command in the background (`tool(...)`, a daemon), its output in scratch files named after
+// `name`; killed with the object unless stopped before.
 class Background {
  public:
-  Background(const std::string& args, const std::string& name)
+  Background(const std::string& command, const std::string& name)
       : out_(scratch(name + ".out")), err_(scratch(name + ".err")) {
     // An earlier run's log must not be read before the new process truncates it.
     std::remove(out_.c_str());
     std::remove(err_.c_str());
-    const std::string cmd = "exec " + std::string(XPLPM_TOOL) + " " + args + " >" + out_ + " 2>" + err_;
+    const std::string cmd = "exec " + command + " >" + out_ + " 2>" + err_;
     const char* argv[] = {"/bin/sh", "-c", cmd.c_str(), nullptr};
     if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) pid_ = -1;
   }

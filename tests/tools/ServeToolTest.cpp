@@ -38,8 +38,8 @@ TEST(ServeToolTest, StreamsBothFamiliesInBothStylesAndAnswersEveryRoute) {
   for (const char* style : {"objects", "multipath"}) {
     SCOPED_TRACE(style);
     const std::string report = scratch(std::string(style) + ".json"), fib = scratch(std::string(style) + ".fib");
-    Background serve("serve --fpm-listen 127.0.0.1:0 --json-out " + report + " --fib-out " + fib +
-                         " --verify --probes 20000 --reconcile-after 0.2", style);
+    Background serve(tool("serve --fpm-listen 127.0.0.1:0 --json-out " + report + " --fib-out " + fib +
+                         " --verify --probes 20000 --reconcile-after 0.2"), style);
     const std::string listen = serve.listening();
     ASSERT_FALSE(listen.empty()) << serve.err();
     const json sent = sendJson(listen, routes, std::string(" --style ") + style);
@@ -69,8 +69,8 @@ TEST(ServeToolTest, StreamsBothFamiliesInBothStylesAndAnswersEveryRoute) {
 
 TEST(ServeToolTest, MalformedFramesAreLoggedAndAReconnectReplacesTheTable) {
   const std::string report = scratch("report.json"), fib = scratch("fib.txt");
-  Background serve("serve --profile small --fpm-listen 127.0.0.1:0 --json-out " + report + " --fib-out " + fib +
-                       " --reconcile-after 0.3",
+  Background serve(tool("serve --profile small --fpm-listen 127.0.0.1:0 --json-out " + report + " --fib-out " + fib +
+                       " --reconcile-after 0.3"),
                    "serve");
   const std::string listen = serve.listening();
   ASSERT_FALSE(listen.empty()) << serve.err();
@@ -124,11 +124,13 @@ TEST(ServeToolTest, WarmRestartAcrossProcessesWritesOnlyWhatChanged) {
   };
   for (const Step& step : {Step{table, false, 0, 0, 0}, Step{table, true, 300, 0, 0}, Step{changed, true, 285, 10, 5}}) {
     SCOPED_TRACE(step.warm ? "warm" : "cold");
-    Background serve(args, "serve");
+    Background serve(tool(args), "serve");
     const std::string listen = serve.listening();
     ASSERT_FALSE(listen.empty()) << serve.err();
     sendJson(listen, step.routes);
-    if (step.warm) ASSERT_TRUE(serve.waitFor("reconciled (quiet)")) << serve.err();
+    if (step.warm) {
+      ASSERT_TRUE(serve.waitFor("reconciled (quiet)")) << serve.err();
+    }
     const json j = stopAndReport(serve, report);
     const json& rs = j["restart"];
     EXPECT_EQ(rs["warm"], step.warm);
@@ -138,8 +140,12 @@ TEST(ServeToolTest, WarmRestartAcrossProcessesWritesOnlyWhatChanged) {
     EXPECT_EQ(rs["reconcile"]["kept"], step.kept);
     EXPECT_EQ(rs["reconcile"]["changed"], step.changed);
     EXPECT_EQ(rs["reconcile"]["withdrawn"], step.withdrawn);
-    if (step.changed == 0) EXPECT_EQ(rs["writes"], 0) << rs.dump();
-    if (step.changed > 0) EXPECT_GE(rs["writes_by_kind"]["prefix"].get<long>(), step.changed);
+    if (step.changed == 0) {
+      EXPECT_EQ(rs["writes"], 0) << rs.dump();
+    }
+    if (step.changed > 0) {
+      EXPECT_GE(rs["writes_by_kind"]["prefix"].get<long>(), step.changed);
+    }
   }
 }
 
@@ -147,7 +153,7 @@ TEST(ServeToolTest, BadStateFilesAndOptionsStopItBeforeAnythingIsProgrammed) {
   const std::string saved = scratch("small.state");
   std::remove(saved.c_str());
   {
-    Background serve("serve --profile small --fpm-listen 127.0.0.1:0 --state " + saved, "saver");
+    Background serve(tool("serve --profile small --fpm-listen 127.0.0.1:0 --state " + saved), "saver");
     const std::string listen = serve.listening();
     ASSERT_FALSE(listen.empty()) << serve.err();
     sendJson(listen, writeFile("routes.txt", realLines(20)));
