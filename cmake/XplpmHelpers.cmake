@@ -39,15 +39,20 @@ function(xplpm_object_library name)
   xplpm_view(${name} PRIVATE ${name} FOLDERS ${ARG_FOLDERS} SDK_HEADERS ${XPLPM_SDK_INTERFACE})
 endfunction()
 
-# One GoogleTest binary per layer, registered test by test with CTest. Tests may reach any layer.
+# One GoogleTest binary per layer, registered test by test with CTest, with optional CTest labels.
+# Tests may reach any layer.
 function(xplpm_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE ${XPLPM_WARNINGS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main GTest::gmock)
   target_compile_definitions(${name} PRIVATE XPLPM_DATA_DIR="${PROJECT_SOURCE_DIR}/data")
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+  if(ARG_LABELS)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${ARG_LABELS}")
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+  endif()
 endfunction()
 
 function(xplpm_benchmark name)

@@ -43,8 +43,6 @@ RouteSet loadRoutes(const Options& c) {
   return set;
 }
 
-namespace {
-
 RunOptions runOptions(const Options& c) {
   RunOptions o;
   o.agent.nextHopGroups = c.groups;
@@ -55,8 +53,6 @@ RunOptions runOptions(const Options& c) {
   o.progress = isatty(2) && !c.json;
   return o;
 }
-
-}  // namespace
 
 XpXdk::xpChipProfile chipProfile(const std::string& nameOrFile, const std::string& option) {
   XpXdk::xpChipProfile profile = loadProfile(nameOrFile, option);

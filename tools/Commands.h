@@ -26,6 +26,9 @@ RouteSet loadRoutes(const Options& c);
 std::unique_ptr<Session> programSession(const XpXdk::xpChipProfile& profile, const RouteSet& set, const Options& c,
                                         bool verify);
 
+// How the agent and the session run, from the options.
+RunOptions runOptions(const Options& c);
+
 // Reads the profile, checks the environment against it, reads the routes, starts the
 // agent and programs every route (each bad input is reported before the next is read);
 // verifies when asked. Throws BadInput.
@@ -40,6 +43,8 @@ int cmdChurn(const Options& c);
 int cmdShow(const Options& c);
 int cmdLookup(const Options& c);
 int cmdCapacity(const Options& c);
+int cmdServe(const Options& c);
+int cmdFpmSend(const Options& c);
 int cmdProfileList();
 int cmdProfileShow(const Options& c);
 

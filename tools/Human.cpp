@@ -380,4 +380,36 @@ void printCapacity(const json& doc, int status) {
   }
 }
 
+void printServeHuman(const json& j, int status) {
+  std::printf("xplpm serve: profile %s, listened on %s\n", escaped(j["profile"].get<std::string>()).c_str(), s(j["fpm_listen"]));
+  for (const char* family : {"ipv4", "ipv6"}) {
+    const auto& r = j["routes"][family];
+    std::printf("  %-10s %llu received, %llu withdrawn, %llu installed, %llu failed, %llu held for reconciliation\n", family,
+                u(r["received"]), u(r["withdrawn"]), u(r["installed"]), u(r["failed"]), u(r["pending"]));
+    for (const auto& [code, n] : r["failures_by_code"].items())
+      std::printf("             %llu failed with %s\n", u(n), code.c_str());
+  }
+  std::string widths;
+  for (const auto& [width, n] : j["groups"]["widths"].items()) widths += " " + std::to_string(u(n)) + "x" + width;
+  std::printf("  groups     %llu:%s (%llu sets trimmed to the widest group)\n", u(j["groups"]["count"]), widths.c_str(),
+              u(j["groups"]["trimmed"]));
+  const auto& m = j["messages"];
+  std::printf("  messages   %llu frames, %llu netlink messages, %llu malformed, %llu connections; answered %llu offloaded, "
+              "%llu failed\n", u(m["frames"]), u(m["netlink"]), u(m["malformed"]), u(m["connections"]),
+              u(m["feedback"]["offloaded"]), u(m["feedback"]["failed"]));
+  std::printf("  program    %.2f s from the first route message to the last, %.0f route messages/s\n",
+              j["program"]["seconds"].get<double>(), j["program"]["routes_per_second"].get<double>());
+  const auto& h = j["hardware"];
+  std::printf("  hardware   %llu chip writes, %llu skipped as identical, %llu refused by the chip\n", u(h["writes"]),
+              u(h["skipped"]), u(h["errors"]));
+  const auto& rs = j["restart"];
+  const auto& rc = rs["reconcile"];
+  std::printf("  restart    %s, %llu routes recovered; reconciled %llu times, first: %llu kept, %llu changed, %llu added, "
+              "%llu withdrawn, %llu chip writes\n", rs["warm"].get<bool>() ? "warm" : "cold", u(rs["routes_recovered"]),
+              u(rs["reconciliations"]), u(rc["kept"]), u(rc["changed"]), u(rc["added"]), u(rc["withdrawn"]), u(rs["writes"]));
+  if (j["verify"]["done"].get<bool>())
+    std::printf("  verify     %llu probes, %llu mismatches\n", u(j["verify"]["probes"]), u(j["verify"]["mismatches"]));
+  std::printf("  result     exit %d: %s\n", status, verdict(status));
+}
+
 }  // namespace xplpm

@@ -8,6 +8,9 @@ namespace xplpm {
 // Prints the summary of `j` on standard output, ending with the exit status it implies.
 void printHuman(const nlohmann::json& j, int status);
 
+// The same for the report of `xplpm serve`.
+void printServeHuman(const nlohmann::json& j, int status);
+
 // The capacity report: for one profile its headroom, growths and resources; for several,
 // one table with a column per profile.
 void printCapacity(const nlohmann::json& doc, int status);

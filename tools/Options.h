@@ -9,7 +9,7 @@
 namespace xplpm {
 
 struct Options {
-  std::string command;  // run, restart, churn, show, lookup, capacity, profile list, profile show
+  std::string command;  // run, restart, churn, show, lookup, capacity, serve, fpm-send, profile list, profile show
   std::string family;
   std::string routes;
   std::string profile = "reference";
@@ -38,6 +38,19 @@ struct Options {
   XpLib::U32 vrf = 0;                // lookup
   std::string profileName;   // profile show
   bool profileJson = false;  // profile show --json
+  // serve
+  std::string fpmListen = "127.0.0.1:2620";
+  std::string jsonOut;
+  std::string state;
+  std::vector<std::string> vrfMaps;  // TABLE=VRF
+  double reconcileAfter = 5;
+  std::string fibOut;
+  // fpm-send
+  std::string connect;
+  std::string style = "objects";
+  XpLib::U32 multipathSets = 16;
+  bool withdraw = false;
+  double wait = 60;
 };
 
 }  // namespace xplpm

@@ -87,15 +87,24 @@ Tally tally(XpLpmAgent& agent, const std::vector<Route>& routes) {
   return t;
 }
 
-std::unique_ptr<XpLpmAgent> startAgent(const XpXdk::xpChipProfile& profile, const XpLib::Agent::AgentOptions& options,
-                                       std::shared_ptr<XpLib::Agent::ChipPort> chip) {
+std::shared_ptr<XpLib::Agent::SimulatedChip> newChip(const XpXdk::xpChipProfile& profile) {
   try {
-    if (chip) return std::make_unique<XpLpmAgent>(profile, std::move(chip), XpLpmAgent::Start::warm, options);
-    return std::make_unique<XpLpmAgent>(profile, options);
-  } catch (const XpLib::Agent::AgentError& e) {
-    badInput("profile " + profile.name, std::string("the agent cannot run this chip: ") + e.what());
+    return std::make_shared<XpLib::Agent::SimulatedChip>(profile);
   } catch (const std::invalid_argument& e) {
     badInput("profile " + profile.name, std::string("the simulated chip cannot be built: ") + e.what());
+  }
+}
+
+std::unique_ptr<XpLpmAgent> startAgent(const XpXdk::xpChipProfile& profile, const XpLib::Agent::AgentOptions& options,
+                                       std::shared_ptr<XpLib::Agent::ChipPort> chip, XpLpmAgent::Start start) {
+  if (!chip) {
+    chip = newChip(profile);
+    start = XpLpmAgent::Start::cold;
+  }
+  try {
+    return std::make_unique<XpLpmAgent>(profile, std::move(chip), start, options);
+  } catch (const XpLib::Agent::AgentError& e) {
+    badInput("profile " + profile.name, std::string("the agent cannot run this chip: ") + e.what());
   }
 }
 

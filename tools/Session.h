@@ -11,6 +11,7 @@
 
 #include "RouteInput.h"
 #include "agent/ChipReport.h"
+#include "agent/SimulatedChip.h"
 #include "agent/XpLpmAgent.h"
 
 namespace xplpm {
@@ -64,11 +65,16 @@ struct Figures {
   U64 verifyProbes = 0, verifyMismatches = 0;
 };
 
-// Starts an agent on a new chip of this profile, or over `chip` after a warm restart.
-// An AgentError (or a chip the simulation refuses) is bad input: it throws BadInput.
-std::unique_ptr<XpLib::Agent::XpLpmAgent> startAgent(const XpXdk::xpChipProfile& profile,
-                                                     const XpLib::Agent::AgentOptions& options,
-                                                     std::shared_ptr<XpLib::Agent::ChipPort> chip = nullptr);
+// A new simulated chip of this profile, every table empty. A profile the simulation refuses is
+// bad input: it throws BadInput.
+std::shared_ptr<XpLib::Agent::SimulatedChip> newChip(const XpXdk::xpChipProfile& profile);
+
+// Starts an agent on a new chip of this profile, or over `chip`: warm (a restart over what the
+// chip kept) unless told cold. An AgentError is bad input: it throws BadInput.
+std::unique_ptr<XpLib::Agent::XpLpmAgent> startAgent(
+    const XpXdk::xpChipProfile& profile, const XpLib::Agent::AgentOptions& options,
+    std::shared_ptr<XpLib::Agent::ChipPort> chip = nullptr,
+    XpLib::Agent::XpLpmAgent::Start start = XpLib::Agent::XpLpmAgent::Start::warm);
 
 class Session {
  public:

@@ -19,6 +19,8 @@ int dispatch(const Options& c) {
   if (c.command == "show") return cmdShow(c);
   if (c.command == "lookup") return cmdLookup(c);
   if (c.command == "capacity") return cmdCapacity(c);
+  if (c.command == "serve") return cmdServe(c);
+  if (c.command == "fpm-send") return cmdFpmSend(c);
   if (c.command == "profile list") return cmdProfileList();
   return cmdProfileShow(c);
 }

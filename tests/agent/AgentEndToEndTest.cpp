@@ -5,6 +5,7 @@
 #include <random>
 
 #include "ForwardingCheck.h"
+#include "agent/CountingPort.h"
 
 namespace XpLib {
 namespace Agent {
@@ -53,54 +54,6 @@ TEST(AgentEndToEndTest, EveryBuiltInProfileConfigures) {
   }
 }
 
-// Another chip port: every write counted, then passed to a simulated chip. The agent runs over
-// it exactly as over the simulation itself.
-class CountingChip final : public ChipPort {
- public:
-  explicit CountingChip(const XpXdk::xpChipProfile& profile) : sim_(profile), v4_(*this, false), v6_(*this, true) {}
-
-  XpXdk::xpIpRouteLpmMgr& lpmMgr(bool ipv6) override { return ipv6 ? static_cast<Mgr&>(v6_) : v4_; }
-  U32 nextHopEntries() const override { return sim_.nextHopEntries(); }
-  XpXdk::XP_STATUS readNextHop(U32 index, XpXdk::xpNhEntry* entry) const override {
-    return sim_.readNextHop(index, entry);
-  }
-  XpXdk::XP_STATUS writeNextHop(U32 index, const XpXdk::xpNhEntry& entry) override {
-    ++writes;
-    return sim_.writeNextHop(index, entry);
-  }
-  XpXdk::xpLpmLookupResult lookup(const XpXdk::xpLpmKey& key) const override { return sim_.lookup(key); }
-
-  U64 writes = 0;
-
- private:
-  class Mgr final : public XpXdk::xpIpRouteLpmMgr {
-   public:
-    Mgr(CountingChip& chip, bool ipv6) : chip_(chip), ipv6_(ipv6) {}
-    XpXdk::XP_STATUS readPrefixEntry(U32 d, U32 t, U32 o, XpXdk::xpLpmPrefixEntry* e, U32 f) override {
-      return inner().readPrefixEntry(d, t, o, e, f);
-    }
-    XpXdk::XP_STATUS writePrefixEntry(U32 d, U32 t, U32 o, const XpXdk::xpLpmPrefixEntry* e) override {
-      ++chip_.writes;
-      return inner().writePrefixEntry(d, t, o, e);
-    }
-    XpXdk::XP_STATUS readNhiEntry(U32 d, U32 t, U32 o, XpXdk::xpLpmNhiEntry* e, U32 f) override {
-      return inner().readNhiEntry(d, t, o, e, f);
-    }
-    XpXdk::XP_STATUS writeNhiEntry(U32 d, U32 t, U32 o, const XpXdk::xpLpmNhiEntry* e) override {
-      ++chip_.writes;
-      return inner().writeNhiEntry(d, t, o, e);
-    }
-
-   private:
-    XpXdk::xpIpRouteLpmMgr& inner() { return chip_.sim_.lpmMgr(ipv6_); }
-    CountingChip& chip_;
-    bool ipv6_;
-  };
-
-  SimulatedChip sim_;
-  Mgr v4_, v6_;
-};
-
 class AgentEndToEndOverPortsTest : public ::testing::TestWithParam<bool> {};
 
 TEST_P(AgentEndToEndOverPortsTest, RandomChurnForwardsExactlyAsTheInstalledRoutes) {
@@ -112,7 +65,7 @@ TEST_P(AgentEndToEndOverPortsTest, RandomChurnForwardsExactlyAsTheInstalledRoute
   XpXdk::xpChipProfile profile = *XpXdk::findChipProfile("small");
   profile.nextHop.rowBlkInc = 128;
   std::shared_ptr<ChipPort> chip = std::make_shared<SimulatedChip>(profile);
-  if (GetParam()) chip = std::make_shared<CountingChip>(profile);
+  if (GetParam()) chip = std::make_shared<CountingPort>(chip);
   XpLpmAgent agent(profile, chip, XpLpmAgent::Start::cold, {.nextHopGroups = 16});
   std::vector<Route> pool = clusteredRoutes(rng, 300, 300);
 
@@ -151,8 +104,8 @@ TEST_P(AgentEndToEndOverPortsTest, RandomChurnForwardsExactlyAsTheInstalledRoute
   EXPECT_GT(installs, 10000u);
   EXPECT_GT(agent.nextHopSm()->numNhBlockDefrag(), 0u);
   EXPECT_GT(agent.counters().routesRepointed, 1000u);
-  if (auto* counting = dynamic_cast<CountingChip*>(chip.get())) {
-    EXPECT_EQ(counting->writes, agent.family(false).writer->counters().writes() +
+  if (auto* counting = dynamic_cast<CountingPort*>(chip.get())) {
+    EXPECT_EQ(counting->writes().all(), agent.family(false).writer->counters().writes() +
                                     agent.family(true).writer->counters().writes() +
                                     agent.counters().nextHopWrites + agent.counters().nextHopCopies);
   }

@@ -16,46 +16,12 @@
 #include <string>
 #include <vector>
 
+#include "support/ToolProcess.h"
+
 namespace {
 
 using nlohmann::json;
-
-struct Result {
-  int status = -1;
-  std::string out, err;
-};
-
-// A scratch file of the running test: CTest runs the tests of this binary side by side.
-std::string scratch(const std::string& name) {
-  return ::testing::TempDir() + ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" + name;
-}
-
-// Runs `env ENV xplpm ARGS`; standard error goes to a file that is read back.
-Result run(const std::string& args, const std::string& env = "") {
-  const std::string errFile = scratch("stderr.txt");
-  const std::string cmd = "env " + env + " " + std::string(XPLPM_TOOL) + " " + args + " 2>" + errFile;
-  Result r;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return r;
-  char buf[4096];
-  for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-  const int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  std::ifstream e(errFile);
-  r.err.assign(std::istreambuf_iterator<char>(e), {});
-  return r;
-}
-
-json jsonOf(const Result& r) {
-  EXPECT_EQ(r.out.empty() ? '?' : r.out[0], '{') << r.err;
-  return json::parse(r.out, nullptr, false);
-}
-
-std::string writeFile(const std::string& name, const std::string& text) {
-  const std::string path = scratch(name);
-  std::ofstream(path, std::ios::binary) << text;
-  return path;
-}
+using namespace xplpm_test;
 
 // The text compressed by libarchive's filter (ARCHIVE_FILTER_GZIP, _BZIP2, _XZ), cut to `keep` bytes.
 std::string writeCompressed(const std::string& name, const std::string& text, int filter,
@@ -77,20 +43,6 @@ std::string writeCompressed(const std::string& name, const std::string& text, in
     std::ofstream(path, std::ios::binary) << bytes.substr(0, keep);
   }
   return path;
-}
-
-// The first `n` routes of the shipped IPv4 table, as route lines.
-std::string realLines(int n) {
-  gzFile f = gzopen(XPLPM_DATA_DIR "/routes-v4.txt.gz", "rb");
-  std::string text;
-  char line[512];
-  for (int kept = 0; kept < n && gzgets(f, line, sizeof line);) {
-    if (line[0] == '#') continue;
-    text += line;
-    ++kept;
-  }
-  gzclose(f);
-  return text;
 }
 
 const char* kRoutes =
