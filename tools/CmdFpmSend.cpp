@@ -18,6 +18,7 @@
 
 #include "Commands.h"
 #include "Errors.h"
+#include "JsonDocument.h"
 #include "fpm/FpmSocket.h"
 #include "fpm/FpmWire.h"
 
@@ -217,16 +218,16 @@ int cmdFpmSend(const Options& c) {
   Answers answers;
   const Outcome o = exchange(conn, sender, answers, c);
   const double rate = o.seconds > 0 ? sender.routesSent / o.seconds : 0;
-  const nlohmann::json j{{"schema", 1}, {"tool", "xplpm"}, {"version", XPLPM_VERSION}, {"command", "fpm-send"},
-                         {"connect", c.connect}, {"style", c.style}, {"withdraw", c.withdraw},
+  nlohmann::json j = documentHeader("fpm-send");
+  j.update({{"connect", c.connect}, {"style", c.style}, {"withdraw", c.withdraw},
                          {"routes", sender.routesSent}, {"next_hops", sender.nextHops}, {"frames", sender.frames},
                          {"bytes", o.bytes}, {"send_seconds", o.sendSeconds}, {"seconds", o.seconds},
                          {"routes_per_second", rate}, {"complete", o.complete},
                          {"answers", {{"offloaded", answers.offloaded}, {"failed", answers.failed}, {"other", answers.other},
-                                      {"malformed", answers.malformed}}}};
+                                      {"malformed", answers.malformed}}}});
   const int status = !o.complete ? exitMismatch : answers.failed > 0 && !c.allowFailed ? exitNotFit : exitOk;
   if (c.json) {
-    std::cout << j.dump(2) << "\n";
+    writeJson(std::cout, j);
   } else {
     std::printf("xplpm fpm-send: %llu routes and %llu next hops in %llu frames (%llu bytes) to %s in %.2f s\n",
                 static_cast<unsigned long long>(sender.routesSent), static_cast<unsigned long long>(sender.nextHops),

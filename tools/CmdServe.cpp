@@ -17,6 +17,7 @@
 #include "Environment.h"
 #include "Errors.h"
 #include "Human.h"
+#include "JsonDocument.h"
 #include "OutputFile.h"
 #include "ProfileInput.h"
 #include "Report.h"
@@ -234,7 +235,7 @@ int ServeHandler::finish() {
   const nlohmann::json j = writeOutputs();
   const int status = exitStatus(j, c_.allowFailed);
   if (c_.json) {
-    std::cout << j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+    writeJson(std::cout, j);
   } else {
     printServeHuman(j, status);
   }

@@ -1,6 +1,8 @@
 // Building the serve report.
 #include "ServeReport.h"
 
+#include "JsonDocument.h"
+
 #include "Report.h"
 
 namespace xplpm {
@@ -10,10 +12,6 @@ using nlohmann::json;
 namespace {
 
 // What every report of the tool starts with.
-json reportHeader(const char* command) {
-  return {{"schema", 1}, {"tool", "xplpm"}, {"version", XPLPM_VERSION}, {"command", command}};
-}
-
 json familyJson(Session& s, ServeRib& rib, const std::vector<XpLib::Agent::Route>& routes, bool v6) {
   std::vector<XpLib::Agent::Route> mine;
   for (const auto& r : routes)
@@ -90,7 +88,7 @@ json restartJson(Session& s, ServeRib& rib, const ServeFigures& f) {
 
 json serveJson(Session& s, ServeRib& rib, const ServeFigures& f, const fpm::ServerCounts& server,
                const XpLib::Agent::CountingPort& port) {
-  json j = reportHeader("serve");
+  json j = documentHeader("serve");
   j["profile"] = s.profile().name;
   j["fpm_listen"] = f.listen;
   j["routes"] = routesJson(s, rib);
