@@ -2,6 +2,8 @@
 #include "Report.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <string_view>
 
 #include "Errors.h"
 #include "JsonDocument.h"
@@ -97,6 +99,14 @@ U64 count(const json& j, const char* section, const char* key) {
   return j.contains(section) && j[section].contains(key) ? j[section][key].get<U64>() : 0;
 }
 
+// Whether malloc was told to put its heap on huge pages (the tool asks unless XPLPM_HUGE_PAGES=0).
+bool hugePagesAsked() {
+  const char* tunables = std::getenv("GLIBC_TUNABLES");
+  const std::string_view t = tunables ? tunables : "";
+  return t.find("glibc.malloc.hugetlb=1") != std::string_view::npos ||
+         t.find("glibc.malloc.hugetlb=2") != std::string_view::npos;
+}
+
 }  // namespace
 
 json tallyJson(const Tally& t) {
@@ -128,7 +138,8 @@ json runJson(Session& s, const RouteSet& set, const Options& c) {
               {"cpu_seconds", f.programCpuSeconds},
               {"library_seconds", f.librarySeconds},
               {"writer_seconds", f.writerSeconds},
-              {"agent_seconds", std::max(0.0, f.programSeconds - f.librarySeconds - f.writerSeconds)}}},
+              {"agent_seconds", std::max(0.0, f.programSeconds - f.librarySeconds - f.writerSeconds)},
+              {"huge_pages", hugePagesAsked()}}},
             {"yardstick",
              {{"seconds", f.yardstickSeconds},
               {"routes_per_second", f.yardstickSeconds > 0 ? requested / f.yardstickSeconds : 0}}},

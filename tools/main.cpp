@@ -1,6 +1,10 @@
 // xplpm: program real route tables into a simulated chip through the library,
 // verify every lookup, restart, churn, and show what the tables hold.
+#include <unistd.h>
+
+#include <cstdlib>
 #include <fstream>
+#include <string>
 #include <string_view>
 
 #include "Cli.h"
@@ -35,9 +39,26 @@ bool jsonAsked(int argc, char** argv) {
   return false;
 }
 
+// The model is hundreds of megabytes of small objects reached at random, so page faults and TLB
+// misses are a good part of programming time; on transparent huge pages they mostly go. glibc's
+// malloc asks for them only when its tunable says so, and reads tunables only at start-up: the
+// tool sets it and starts itself again. XPLPM_HUGE_PAGES=0 keeps normal pages (to measure both),
+// and a tunable the user set is left as it is.
+void preferHugePages(char** argv) {
+  const char* choice = std::getenv("XPLPM_HUGE_PAGES");
+  if (choice && std::string_view(choice) == "0") return;
+  const char* given = std::getenv("GLIBC_TUNABLES");
+  std::string tunables = given ? given : "";
+  if (tunables.find("glibc.malloc.hugetlb") != std::string::npos) return;
+  tunables += tunables.empty() ? "glibc.malloc.hugetlb=1" : ":glibc.malloc.hugetlb=1";
+  if (setenv("GLIBC_TUNABLES", tunables.c_str(), 1) != 0) return;
+  execv("/proc/self/exe", argv);  // returns only when it failed: run on with normal pages
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  preferHugePages(argv);
   CLI::App app{"xplpm: longest-prefix-match route tables on a simulated Xp chip"};
   Options c;
   buildCli(app, c);
