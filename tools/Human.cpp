@@ -115,6 +115,15 @@ void printRestart(const json& rs) {
 void printChurn(const json& ch) {
   std::printf("  churn      %llu ops in %.2f s (%.0f ops/s), %llu mismatches, %llu routes not placed\n", u(ch["ops"]),
               ch["seconds"].get<double>(), ch["ops_per_second"].get<double>(), u(ch["mismatches"]), u(ch["failed"]));
+  if (ch.contains("by_kind")) {
+    std::printf("             by kind:");
+    const char* sep = " ";
+    for (const auto& [kind, k] : ch["by_kind"].items()) {
+      std::printf("%s%s %llu in %.2f s", sep, kind.c_str(), u(k["ops"]), k["seconds"].get<double>());
+      sep = "; ";
+    }
+    std::printf("\n");
+  }
   printFailures(ch, "             ");
 }
 

@@ -21,7 +21,7 @@ struct Options {
   int trace = -1;
   std::string traceFile;
   XpLib::U64 seed = 1;
-  XpLib::U64 ops = 100000;
+  XpLib::U64 ops = 5000;
   XpLib::U64 changes = 0;
   bool skipBad = false;
   bool allowFailed = false;

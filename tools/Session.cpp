@@ -3,6 +3,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <cstdio>
@@ -38,25 +39,6 @@ double writerSeconds(const XpLpmAgent& agent) {
   return agent.family(false).writer->seconds() + agent.family(true).writer->seconds();
 }
 
-class Progress {
- public:
-  Progress(bool on, const char* what, std::size_t total) : on_(on), what_(what), total_(total ? total : 1) {}
-  ~Progress() {
-    if (on_) std::fprintf(stderr, "\r%-60s\r", "");
-  }
-  void at(std::size_t i) {
-    if (!on_ || (i & 0x3FFF) != 0) return;
-    const int pct = static_cast<int>(100 * i / total_);
-    std::fprintf(stderr, "\r%s [%-40.*s] %3d%%", what_, pct * 40 / 100, "########################################", pct);
-    std::fflush(stderr);
-  }
-
- private:
-  bool on_;
-  const char* what_;
-  std::size_t total_;
-};
-
 struct KeyHash {
   template <class K>
   std::size_t operator()(const K& k) const {
@@ -65,6 +47,17 @@ struct KeyHash {
 };
 
 }  // namespace
+
+Progress::~Progress() {
+  if (on_) std::fprintf(stderr, "\r%-60s\r", "");
+}
+
+void Progress::show(std::size_t i) {
+  const int pct = static_cast<int>(100 * i / total_);
+  std::fprintf(stderr, "\r%s [%-40.*s] %3d%%", what_, pct * 40 / 100, "########################################", pct);
+  std::fflush(stderr);
+  next_ = i + std::max<std::size_t>(1, total_ / 100);
+}
 
 Tally tally(XpLpmAgent& agent, const std::vector<Route>& routes) {
   Tally t;

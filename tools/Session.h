@@ -76,6 +76,25 @@ std::unique_ptr<XpLib::Agent::XpLpmAgent> startAgent(
     std::shared_ptr<XpLib::Agent::ChipPort> chip = nullptr,
     XpLib::Agent::XpLpmAgent::Start start = XpLib::Agent::XpLpmAgent::Start::warm);
 
+// A progress bar on standard error, redrawn at each whole percent; off when not asked for.
+class Progress {
+ public:
+  Progress(bool on, const char* what, std::size_t total) : on_(on), what_(what), total_(total ? total : 1) {}
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  void at(std::size_t i) {
+    if (on_ && i >= next_) show(i);
+  }
+
+ private:
+  void show(std::size_t i);
+  bool on_;
+  const char* what_;
+  std::size_t total_;
+  std::size_t next_ = 0;
+};
+
 class Session {
  public:
   Session(const XpXdk::xpChipProfile& profile, const RunOptions& options);
