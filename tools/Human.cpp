@@ -68,7 +68,8 @@ void printRoutes(const json& j) {
   std::printf("  program    %.2f s (CPU %.2f s), %.0f routes/s: library %.2f s, writer and chip %.2f s, agent %.2f s\n",
               p["seconds"].get<double>(), p["cpu_seconds"].get<double>(), p["routes_per_second"].get<double>(),
               p["library_seconds"].get<double>(), p["writer_seconds"].get<double>(), p["agent_seconds"].get<double>());
-  std::printf("  yardstick  %.0f routes/s (a plain hash map)\n", j["yardstick"]["routes_per_second"].get<double>());
+  std::printf("  yardstick  %.0f routes/s (%s)\n", j["yardstick"]["routes_per_second"].get<double>(),
+              j["yardstick"]["what"].get<std::string>().c_str());
   std::printf("  memory     %.1f MiB, %.0f bytes per route\n", j["memory"]["bytes"].get<double>() / (1 << 20),
               j["memory"]["bytes_per_route"].get<double>());
 }
