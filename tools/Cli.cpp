@@ -108,6 +108,36 @@ void addFpmSend(CLI::App* send, Options& c) {
   send->add_flag("--allow-failed", c.allowFailed, "exit 0 even when the server answers that some routes failed");
 }
 
+// The options of the commands that answer questions about the programmed chip.
+void addAnswerOptions(CLI::App* show, CLI::App* lookup, CLI::App* capacity, Options& c) {
+  show->add_option("what", c.what, "what to show")
+      ->required()
+      ->check(CLI::IsMember({"summary", "prefix-tables", "subtries", "nhi-tiles", "nexthop", "fill"}));
+  show->add_option("--svg", c.svg, "with fill: the SVG file to write");
+  show->add_flag("--json-lines", c.jsonLines,
+                 "as JSON lines: a header record, one record per table, sub-trie, tile or group, and an end record");
+  show->add_option("--table", c.table, "with --json or --json-lines: only this prefix table")->check(CLI::Range(0, 32));
+  show->add_option("--limit", c.limit, "with --json or --json-lines: at most N tables, sub-tries, tiles or groups")
+      ->check(kCount);
+  lookup->add_option("query", c.queries,
+                     "an address (the chip's answer beside the reference's longest match) or a prefix (where it "
+                     "lives, or why it is not placed); several may be given")
+      ->required();
+  lookup->add_option("--vrf", c.vrf, "the VRF of the queries (default 0)")->check(kCount & CLI::Range(0u, 65535u));
+  capacity
+      ->add_option("--growth", c.growth,
+                   "PCT[,PCT...]: will the table grown by PCT % (routes of its mix) fit, and where does it break")
+      ->delimiter(',')
+      ->check(CLI::Range(0.0, 10000.0));
+  capacity->add_option("--profiles", c.profiles, "A,B,...: the same report for several profiles side by side")
+      ->delimiter(',')
+      ->excludes(capacity->get_option("--profile"));
+  capacity->add_option("--failure-rate", c.failureRate,
+                       "stop adding once this percentage of the added routes failed (default 1)")
+      ->check(CLI::Range(0.001, 100.0));
+  capacity->add_option("--svg", c.svg, "the chart of the resources, thresholds, bottleneck and headroom (one profile)");
+}
+
 }  // namespace
 
 void buildCli(CLI::App& app, Options& c) {
@@ -139,32 +169,7 @@ void buildCli(CLI::App& app, Options& c) {
                       "after the restart, apply N seeded route changes (next hops, withdrawals, new routes) "
                       "before verifying, up to 10^8")
       ->check(kCount & CLI::Range(XpLib::U64(0), XpLib::U64(100000000)));
-  show->add_option("what", c.what, "what to show")
-      ->required()
-      ->check(CLI::IsMember({"summary", "prefix-tables", "subtries", "nhi-tiles", "nexthop", "fill"}));
-  show->add_option("--svg", c.svg, "with fill: the SVG file to write");
-  show->add_flag("--json-lines", c.jsonLines,
-                 "as JSON lines: a header record, one record per table, sub-trie, tile or group, and an end record");
-  show->add_option("--table", c.table, "with --json or --json-lines: only this prefix table")->check(CLI::Range(0, 32));
-  show->add_option("--limit", c.limit, "with --json or --json-lines: at most N tables, sub-tries, tiles or groups")
-      ->check(kCount);
-  lookup->add_option("query", c.queries,
-                     "an address (the chip's answer beside the reference's longest match) or a prefix (where it "
-                     "lives, or why it is not placed); several may be given")
-      ->required();
-  lookup->add_option("--vrf", c.vrf, "the VRF of the queries (default 0)")->check(kCount & CLI::Range(0u, 65535u));
-  capacity
-      ->add_option("--growth", c.growth,
-                   "PCT[,PCT...]: will the table grown by PCT % (routes of its mix) fit, and where does it break")
-      ->delimiter(',')
-      ->check(CLI::Range(0.0, 10000.0));
-  capacity->add_option("--profiles", c.profiles, "A,B,...: the same report for several profiles side by side")
-      ->delimiter(',')
-      ->excludes(capacity->get_option("--profile"));
-  capacity->add_option("--failure-rate", c.failureRate,
-                       "stop adding once this percentage of the added routes failed (default 1)")
-      ->check(CLI::Range(0.001, 100.0));
-  capacity->add_option("--svg", c.svg, "the chart of the resources, thresholds, bottleneck and headroom (one profile)");
+  addAnswerOptions(show, lookup, capacity, c);
   profile->require_subcommand(1);
   profile->add_subcommand("list", "list the built-in profiles")->callback([&c] { c.command = "profile list"; });
   auto* pshow = profile->add_subcommand("show", "show one profile's tables");
