@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets of fuzz/ with clang (preset fuzz) and runs each for
-# SECONDS (default 60) from its committed corpus, both at once (one core each).
+# SECONDS (default 60) from its committed corpus, all at once.
 # Inputs the fuzzer finds go to a scratch folder, not the repository; a crashing
 # input is kept as build/fuzz/crash-*.
 #   bash scripts/fuzz.sh [SECONDS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-60}"
-targets=(route_file profile_json)
+targets=(route_file profile_json fpm_stream)
 if ! command -v clang++ >/dev/null; then
   echo "fuzz: clang++ not found, fuzzing skipped"
   exit 0
