@@ -1,7 +1,7 @@
 // The chip's entry format for the library's write commands: a PrefixCommand
 // becomes an xpLpmPrefixEntry, an NhiCommand an xpLpmNhiEntry. This is the one
-// place that knows the chip's bit layout (see xdk/xpLpmEntry.h); swapping in a
-// real chip SDK touches this file and the writer only.
+// place that knows the chip's bit layout (see xdk/xpLpmEntry.h). Everything else reaches
+// the chip through ChipPort, which a real chip's SDK would implement.
 #pragma once
 
 #include "XpLpm/Status.h"

@@ -25,7 +25,7 @@ int cmdProfileShow(const Options& c) {
   std::printf("profile %s: %s\n", escaped(p.name).c_str(), escaped(p.description).c_str());
   for (bool v6 : {false, true}) {
     const auto& ctx = v6 ? p.ipv6 : p.ipv4;
-    const int tiles = __builtin_popcount(ctx.nhiTileBitmap[0]);
+    const int tiles = static_cast<int>(ctx.nhiTiles());
     std::printf("%s: key %u bits, %llu entries, %.1f Mbit; NHI %d tiles x %u entries, %u pairs per entry, %u-bit base\n",
                 v6 ? "IPv6" : "IPv4", ctx.keyLength, static_cast<unsigned long long>(p.prefixTableEntries(v6)),
                 p.prefixTableBits(v6) / 1e6, tiles, ctx.nhiTableSize / std::max(1, tiles), ctx.nhiPairPerEntry,

@@ -2,7 +2,6 @@
 #include "Environment.h"
 
 #include <algorithm>
-#include <bit>
 #include <charconv>
 #include <cstdlib>
 #include <optional>
@@ -32,13 +31,6 @@ std::optional<U64> number(const char* name) {
   return n;
 }
 
-U32 profileTiles(const XpXdk::xpLpmTableContext& c) {
-  U32 tiles = 0;
-  for (U32 i = 0; i < c.nhiTileBitmap.size(); ++i)
-    if ((c.nhiTileBitmapValidMask >> i) & 1) tiles += static_cast<U32>(std::popcount(c.nhiTileBitmap[i]));
-  return tiles;
-}
-
 }  // namespace
 
 std::vector<InputError> environmentErrors(const XpXdk::xpChipProfile& profile) {
@@ -50,7 +42,7 @@ std::vector<InputError> environmentErrors(const XpXdk::xpChipProfile& profile) {
     errors.push_back({"", std::string("NUMBER_OF_NHI_TILES=") + std::to_string(*tiles) + " is more than the " +
                               std::to_string(kMaxNhiTiles) + " NHI tiles the simulated chip can have"});
   for (const auto* c : {&profile.ipv4, &profile.ipv6}) {
-    const U64 entries = tiles.value_or(profileTiles(*c)) * perTile.value_or(kNhiEntriesPerTile);
+    const U64 entries = tiles.value_or(c->nhiTiles()) * perTile.value_or(kNhiEntriesPerTile);
     if ((tiles || perTile) && entries > kMaxNhiEntries) {
       errors.push_back({"", std::string("NUMBER_OF_NHI_TILES x NHI_TABLE_SIZE is ") + std::to_string(entries) +
                                 std::string(" NHI entries, more than the ") + std::to_string(kMaxNhiEntries) +
@@ -74,7 +66,7 @@ XpXdk::xpChipProfile withEnvironmentGeometry(XpXdk::xpChipProfile profile) {
       for (auto& t : c->prefixTableContext)
         if (t.valid) t.depth = static_cast<U32>(*depth);
     if (!tiles && !perTile) continue;
-    const U32 n = static_cast<U32>(tiles.value_or(profileTiles(*c)));
+    const U32 n = static_cast<U32>(tiles.value_or(c->nhiTiles()));
     c->nhiTileBitmap.fill(0);
     c->nhiTileBitmapValidMask = 0;
     for (U32 t = 0; t < n; ++t) {

@@ -244,7 +244,7 @@ XpXdk::xpLpmTableContext lpmContext(const json& root, bool v6) {
   }
   c.nhiPairPerEntry = static_cast<U8>(integer(j, where, "nhiPairPerEntry", 6, 10));
   if (c.nhiPairPerEntry == 9) throw Bad{where + ".nhiPairPerEntry", "is 9, expected 6, 7, 8 or 10"};
-  const U32 pairWidth = c.nhiPairPerEntry == 6 ? 21 : c.nhiPairPerEntry == 7 ? 18 : c.nhiPairPerEntry == 8 ? 16 : 12;
+  const U32 pairWidth = XpLib::XpLpm::ConfigBase::nhiPairWidth(c.nhiPairPerEntry);
   c.nhiBlockBaseWidth = static_cast<U8>(integer(j, where, "nhiBlockBaseWidth", 1, pairWidth));
   const U32 tiles = integer(j, where, "nhiTiles", 1, 8);
   if (j.contains("nhiEntriesPerTile") && integer(j, where, "nhiEntriesPerTile", 1, 1u << 16) != kNhiEntriesPerTile)
@@ -292,7 +292,7 @@ json contextJson(const XpXdk::xpLpmTableContext& c) {
     tables.push_back({{"id", id}, {"depth", t.depth}, {"sramWidth", t.sramWidth}, {"tread", t.tread},
                       {"hashSelector", t.hashSelector}});
   }
-  const int tiles = __builtin_popcount(c.nhiTileBitmap[0]);
+  const int tiles = static_cast<int>(c.nhiTiles());
   return {{"vrfIdWidth", c.vrfIdWidth},
           {"keyLength", c.keyLength},
           {"prefixTables", tables},

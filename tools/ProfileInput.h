@@ -14,7 +14,7 @@ namespace xplpm {
 
 // The NHI entries of one tile that the configurator derives from a chip; a profile
 // may declare nhiEntriesPerTile, and no other value can work.
-inline constexpr XpLib::U32 kNhiEntriesPerTile = 16384;
+using XpXdk::kNhiEntriesPerTile;
 
 // The profile named, or read from the file when the name ends in ".json" or holds a
 // '/'. Throws BadInput; `option` names the argument in the message for an unknown name.

@@ -64,7 +64,7 @@ TEST(LpmNextHopSmTest, PlaceResizeReleaseAndCount) {
   EXPECT_EQ(m.sm->numNhBlockFree(), 1u);
 }
 
-TEST(LpmNextHopSmTest, ScatteredRoomIsCompactedAndMovesAreQueuedInOrder) {
+TEST(LpmNextHopSmTest, ScatteredRoomIsCompactedAndEveryMoveIsQueued) {
   Machine m(16);
   for (U64 id = 1; id <= 4; ++id) m.want(id, 4);  // [1][2][3][4]
   m.config->requestDel(SwId(1));

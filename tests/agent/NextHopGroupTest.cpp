@@ -65,6 +65,25 @@ TEST(NextHopGroupTest, RandomGroupChurnKeepsBlocksDisjointAndContentsOwned) {
   EXPECT_GT(agent.counters().nextHopCopies, 0u);
 }
 
+// A width the next-hop table cannot give is an answer, not a stop: nothing changes.
+TEST(NextHopGroupTest, WidthsOutsideTheTableAreRefusedAndChangeNothing) {
+  XpLpmAgent agent(tightNextHops(256), {.nextHopGroups = 64});
+  const SwId group(3);
+  ASSERT_EQ(agent.groupWidthIs(group, Nway(4)), GroupResult::placed);
+  const NextHopBlock placed = agent.groupBlock(group);
+  const U32 widest = agent.maxGroupWidth();
+  ASSERT_GT(widest, 4u);
+  for (U32 width : {0u, widest + 1, 0xFFFFu}) {
+    SCOPED_TRACE("width " + std::to_string(width));
+    EXPECT_EQ(agent.groupWidthIs(group, Nway(static_cast<U16>(width))), GroupResult::badWidth);
+    EXPECT_EQ(agent.groupWidthIs(SwId(9), Nway(static_cast<U16>(width))), GroupResult::badWidth);
+    EXPECT_EQ(agent.groupBlock(group), placed);
+    EXPECT_EQ(agent.groupBlock(SwId(9)), NextHopBlock());
+  }
+  EXPECT_NE(agent.groupWidthIs(group, Nway(static_cast<U16>(widest))), GroupResult::badWidth);
+  agent.nextHopSm()->verify();
+}
+
 }  // namespace
 }  // namespace Agent
 }  // namespace XpLib

@@ -2,6 +2,8 @@
 // reference profile: zero failed routes and zero forwarding mismatches.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include <chrono>
 #include <random>
 
@@ -39,6 +41,7 @@ TEST(ReferenceProfileTest, WholeRealTablesForwardCorrectly) {
 
   const Forwarding check(agent);
   test::ProbeCounts c;
+  std::printf("seed 77\n");
   std::mt19937_64 rng(77);
   for (const Route& r : xplpm_test::realRoutes(false)) {
     test::probe(check, r.vrf, r.v4.address(), c);

@@ -3,6 +3,8 @@
 // would for changed intent.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include <random>
 #include <set>
 
@@ -44,6 +46,7 @@ U64 writes(const XpLpmAgent& a) {
 }
 
 TEST(RestartTest, UnchangedIntentRebuildsTheSameModelAndWritesNothing) {
+  std::printf("seed 31337, probes 5\n");
   std::mt19937 rng(31337);
   const auto& profile = *XpXdk::findChipProfile("small");
   std::set<std::string> keys;
@@ -82,6 +85,7 @@ TEST(RestartTest, UnchangedIntentRebuildsTheSameModelAndWritesNothing) {
 }
 
 TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
+  std::printf("seed 4711, probes 6\n");
   std::mt19937 rng(4711);
   const auto& profile = *XpXdk::findChipProfile("small");
   std::set<std::string> keys;

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include <map>
 #include <random>
 #include <vector>
@@ -83,6 +85,7 @@ TEST(HashMapTest, OrderDependsOnlyOnTheHistoryOfOperations) {
   // Two maps given the same operations iterate alike, whatever their index sizes.
   HashMap<U32, int> a, b;
   b.reserve(5000);
+  std::printf("seed 7\n");
   std::mt19937 rng(7);
   for (int i = 0; i < 3000; ++i) {
     U32 k = rng() % 1000;

@@ -216,9 +216,12 @@ TEST(XplpmToolTest, ExitStatusTellsWhatHappened) {
 TEST(XplpmToolTest, RestartWithChangesAndChurnForwardExactly) {
   const std::string file = writeFile("real3k.txt", realLines(3000));
   std::printf("seed 7\n");
-  Result r = run("restart --changes 300 --seed 7 --verify --probes 2000 --json --routes " + file);
+  Result r = run("restart --changes 300 --seed 7 --verify --probes 2000 --check --json --routes " + file);
   ASSERT_EQ(r.status, 0) << r.err;
   const json rs = jsonOf(r)["restart"];
+  // The whole-model check walked every route the machine holds after the changes.
+  EXPECT_EQ(jsonOf(r)["check"]["ipv4"]["routes"], rs["wanted"].get<int>() - rs["failed"].get<int>());
+  EXPECT_EQ(jsonOf(r)["check"]["ipv4"]["routes_stale"], 0);
   EXPECT_TRUE(rs["model_equal"].get<bool>());
   EXPECT_EQ(rs["replay_writes"], 0);
   EXPECT_EQ(rs["reconcile"]["kept"], 3000);
@@ -226,9 +229,14 @@ TEST(XplpmToolTest, RestartWithChangesAndChurnForwardExactly) {
   EXPECT_EQ(ch["next_hop"].get<int>() + ch["withdrawn"].get<int>() + ch["added"].get<int>(), 300);
   EXPECT_EQ(rs["wanted"].get<int>(), 3000 - ch["withdrawn"].get<int>() + ch["added"].get<int>());
   EXPECT_EQ(jsonOf(r)["verify"]["mismatches"], 0);
-  Result c = run("churn --ops 3000 --seed 7 --json --routes " + file);
+  Result c = run("churn --ops 3000 --seed 7 --check --json --routes " + file);
   ASSERT_EQ(c.status, 0) << c.err;
   EXPECT_EQ(jsonOf(c)["churn"]["mismatches"], 0);
+  EXPECT_EQ(jsonOf(c)["check"]["ipv4"]["routes"], jsonOf(c)["churn"]["live"].get<int>() - jsonOf(c)["churn"]["failed"].get<int>());
+  int kinds = 0;
+  const json byKind = jsonOf(c)["churn"]["by_kind"];
+  for (const auto& [kind, k] : byKind.items()) kinds += k["ops"].get<int>();
+  EXPECT_EQ(kinds, 3000);
 }
 
 // The chart's text, after xmllint found it well-formed.
