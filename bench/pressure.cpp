@@ -29,7 +29,12 @@ void BM_Pressure(benchmark::State& state) {
   state.counters["compactions"] = static_cast<double>(f.compactions);
   state.counters["group_moves"] = static_cast<double>(f.groupMoves);
   state.counters["nhi_not_back"] = static_cast<double>(f.nhiEntries - f.nhiFreeAtEnd);
-  if (f.mismatches || f.withdrawalsHeld || f.nhiFreeAtEnd != f.nhiEntries) state.SkipWithError("the model run failed");
+  state.counters["writes"] = static_cast<double>(f.writes);
+  state.counters["staging_writes"] = static_cast<double>(f.stagingWrites);
+  state.counters["compaction_drains"] = static_cast<double>(f.compactionDrains);
+  state.counters["unprotected"] = static_cast<double>(f.unprotected);
+  if (f.mismatches || f.withdrawalsHeld || f.nhiFreeAtEnd != f.nhiEntries || f.unprotected)
+    state.SkipWithError("the model run failed");
 }
 
 // Arguments: tiles, own-tile filing, operations.

@@ -30,6 +30,9 @@ struct PressureFigures {
   U64 ops = 0, checks = 0, probes = 0, mismatches = 0;
   U64 refused = 0, withdrawalsHeld = 0, compactions = 0, groupMoves = 0, installedPeak = 0;
   U64 nhiFreeAtEnd = 0, nhiEntries = 0;
+  // The writer's side of hitless compaction: all chip writes, the writes that moved readers of
+  // overlapped NHI entries aside, and NHI writes over live entries that could not be (must be 0).
+  U64 writes = 0, stagingWrites = 0, unprotected = 0, compactionDrains = 0;
   double seconds = 0;
 };
 
@@ -111,6 +114,11 @@ inline PressureFigures runPressure(const PressureRun& run) {
     sm.verify();
     f.refused += agent.nhiReserve(v6).refused;
     f.compactions += sm.numNhiBlockDefrag();
+    const HwWriterCounters& w = agent.family(v6).writer->counters();
+    f.writes += w.writes();
+    f.stagingWrites += w.stagingWrites;
+    f.unprotected += w.unprotected;
+    f.compactionDrains += w.compactionDrains;
   }
   f.groupMoves = agent.counters().shuffles;
   f.withdrawalsHeld = agent.counters().withdrawalsHeld;

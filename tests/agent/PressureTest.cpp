@@ -159,9 +159,14 @@ TEST(PressureTest, RandomOperationsAtHighFillForwardExactlyAndGiveEverythingBack
       EXPECT_GT(f.refused, 0u) << "the tiles never reached their reserve";
       EXPECT_EQ(f.withdrawalsHeld, 0u);
       EXPECT_EQ(f.nhiFreeAtEnd, f.nhiEntries);
+      EXPECT_EQ(f.unprotected, 0u) << "an NHI write landed on entries still read";
       if (c.tiles > 1) {
         EXPECT_GT(f.compactions, 0u);
+        EXPECT_GT(f.stagingWrites, 0u) << "no compaction moved a block over entries still read";
       }
+      std::printf("tiles %u %s seed %u: %llu compactions, %llu writes, %llu of them staging\n", c.tiles,
+                  c.ownTile ? "own" : "first", seed, (unsigned long long)f.compactions,
+                  (unsigned long long)f.writes, (unsigned long long)f.stagingWrites);
     }
   }
 }
