@@ -106,13 +106,19 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   }
   for (const Route& r : randomRoutes(rng, 30, keys)) next.push_back(r);
 
+  // Two groups were being resized when the agent went down: the control plane still wants the
+  // new widths (groups 3 and 5 start at 8 and 2).
+  const std::vector<std::pair<SwId, Nway>> widths{{SwId(3), Nway(2)}, {SwId(5), Nway(4)}};
   XpLpmAgent restarted(profile, chip, XpLpmAgent::Start::warm, {.nextHopGroups = 40});
-  const auto report = restarted.reconcile(next);
+  const auto report = restarted.reconcile(next, widths);
   EXPECT_GT(report.withdrawn, 0u);
   EXPECT_GT(report.changed, 0u);
   EXPECT_GT(report.added, 0u);
+  EXPECT_EQ(report.groupsResized, 2u);
   XpLpmAgent cold(profile, {.nextHopGroups = 40});
+  for (const auto& [group, width] : widths) cold.groupWidthIs(group, width);
   for (const Route& r : next) cold.routeIs(r);
+  for (const auto& [group, width] : widths) EXPECT_EQ(restarted.groupBlock(group).size(), width) << group.str();
 
   // Both chips forward every wanted route, at its first and last address, to the same group.
   auto groupAt = [](XpLpmAgent& a, const Route& r, bool last) -> std::optional<U64> {
@@ -129,6 +135,7 @@ TEST(RestartTest, ChangedIntentForwardsAsAColdStartWould) {
   U64 compared = 0;
   for (const Route& r : next) {
     ASSERT_TRUE(cold.installed(r) && restarted.installed(r)) << r.prefixStr();
+    ASSERT_EQ(restarted.installedBlock(r).size(), cold.installedBlock(r).size()) << r.prefixStr();
     for (bool last : {false, true}) {
       ASSERT_EQ(groupAt(restarted, r, last), groupAt(cold, r, last)) << r.prefixStr();
       ++compared;
