@@ -31,12 +31,17 @@ set(XPLPM_SDK_INTERFACE XpBitVector.h xpTableContext.h xpLpmEntry.h xpHashFuncti
   xpHashPolynomials.h xpIpRouteLpmMgr.h)
 
 # The library's sources are compiled as object libraries and linked into libxplpm.so; each layer
-# sees the folders it names and the SDK's interface.
+# sees the folders it names, and the SDK's interface when it says SDK.
+#   xplpm_object_library(<name> [SDK] SOURCES <file>... FOLDERS <dir>...)
 function(xplpm_object_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;FOLDERS" ${ARGN})
+  cmake_parse_arguments(ARG "SDK" "" "SOURCES;FOLDERS" ${ARGN})
   add_library(${name} OBJECT ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE ${XPLPM_WARNINGS})
-  xplpm_view(${name} PRIVATE ${name} FOLDERS ${ARG_FOLDERS} SDK_HEADERS ${XPLPM_SDK_INTERFACE})
+  if(ARG_SDK)
+    xplpm_view(${name} PRIVATE ${name} FOLDERS ${ARG_FOLDERS} SDK_HEADERS ${XPLPM_SDK_INTERFACE})
+  else()
+    xplpm_view(${name} PRIVATE ${name} FOLDERS ${ARG_FOLDERS})
+  endif()
 endfunction()
 
 # One GoogleTest binary per layer, registered test by test with CTest, with optional CTest labels.
