@@ -23,6 +23,7 @@ NhiInfoKey::Rep& NhiInfoKey::mutableRep() {
     rep_ = copy;
   }
   rep_->hashValid = false;
+  rep_->mapHashValid = false;
   return *rep_;
 }
 
@@ -68,6 +69,20 @@ U32 NhiInfoKey::hash() const {
   rep_->hash = h.finish();
   rep_->hashValid = true;
   return rep_->hash;
+}
+
+U32 NhiInfoKey::mapHash() const {
+  if (!rep_) return 0;
+  if (rep_->mapHashValid) return rep_->mapHash;
+  U64 h = 0x9E3779B97F4A7C15ull ^ rep_->entries.size();
+  for (const auto& [slot, block] : rep_->entries) {
+    h ^= U64(slot) << 56 | U64(block.base().value()) << 16 | block.size().value();
+    h *= 0x9E3779B97F4A7C15ull;
+    h ^= h >> 29;
+  }
+  rep_->mapHash = static_cast<U32>(h ^ (h >> 32));
+  rep_->mapHashValid = true;
+  return rep_->mapHash;
 }
 
 std::string NhiInfoKey::str() const {

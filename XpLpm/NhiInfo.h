@@ -19,8 +19,9 @@ using XpLpmNextHop::NextHopBlock;
 //
 // Every shared block holds its key three times (the sub-trie's, the sharing
 // map's and the record's), so copies share one immutable representation and a
-// change copies it first. The representation also keeps the hash, which every
-// lookup of the sharing map needs.
+// change copies it first. The representation also keeps its hashes: a fast one that
+// the sharing map and equality use on every lookup, and the documented one, computed
+// only when asked for (diagnostics print it).
 class NhiInfoKey {
  public:
   using Entry = std::pair<U8, NextHopBlock>;
@@ -45,9 +46,12 @@ class NhiInfoKey {
   U32 hash() const;
   // "0x<hash in hex>,<entries>".
   std::string str() const;
+  // A multiply-xorshift hash of the same entries, for the sharing map: a few operations per
+  // entry where hash() takes several per byte.
+  U32 mapHash() const;
 
   bool operator==(const NhiInfoKey& o) const {
-    return rep_ == o.rep_ || (hash() == o.hash() && entries() == o.entries());
+    return rep_ == o.rep_ || (mapHash() == o.mapHash() && entries() == o.entries());
   }
   bool operator!=(const NhiInfoKey& o) const { return !(*this == o); }
   // Lexicographic over the entries in slot order.
@@ -59,8 +63,8 @@ class NhiInfoKey {
  private:
   struct Rep : PtrInterface {
     std::vector<Entry> entries;
-    mutable U32 hash = 0;
-    mutable bool hashValid = false;
+    mutable U32 hash = 0, mapHash = 0;
+    mutable bool hashValid = false, mapHashValid = false;
   };
 
   const std::vector<Entry>& entries() const;

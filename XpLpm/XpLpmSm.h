@@ -27,7 +27,7 @@ namespace XpLib {
 namespace XpLpm {
 
 struct NhiInfoKeyHash {
-  U32 operator()(const NhiInfoKey& k) const { return k.hash(); }
+  U32 operator()(const NhiInfoKey& k) const { return k.mapHash(); }
 };
 
 class LpmSm : public PtrInterface {
