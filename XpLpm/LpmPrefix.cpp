@@ -69,6 +69,20 @@ void LpmPrefixV4::dropFanoutIfEmpty() {
     fanout_.reset();
 }
 
+// Setting a field back to its default on a prefix without fanout bookkeeping allocates nothing,
+// and clearing the last field gives the bookkeeping back.
+void LpmPrefixV4::ownerLpmPrefixIs(const Ptr<LpmPrefixV4>& owner) {
+  if (!owner && !fanout_) return;
+  fanout().owner = owner;
+  dropFanoutIfEmpty();
+}
+
+void LpmPrefixV4::nhBlockIs(const NextHopBlock& b) {
+  if (b == NextHopBlock() && !fanout_) return;
+  fanout().nhBlock = b;
+  dropFanoutIfEmpty();
+}
+
 void LpmPrefixV4::otherOwnerListDel(const VrfAndPrefix& key) {
   if (!fanout_) return;
   fanout_->otherOwners.erase(key);

@@ -114,10 +114,10 @@ class LpmPrefixV4 : public LpmPrefix {
   const VrfAndPrefix& vrfAndPrefix() const { return vrfAndPrefix_; }
 
   Ptr<LpmPrefixV4> ownerLpmPrefix() const { return fanout_ ? fanout_->owner : Ptr<LpmPrefixV4>(); }
-  void ownerLpmPrefixIs(const Ptr<LpmPrefixV4>& owner) { fanout().owner = owner; }
+  void ownerLpmPrefixIs(const Ptr<LpmPrefixV4>& owner);
 
   NextHopBlock nhBlock() const { return fanout_ ? fanout_->nhBlock : NextHopBlock(); }
-  void nhBlockIs(const NextHopBlock& b) { fanout().nhBlock = b; }
+  void nhBlockIs(const NextHopBlock& b);
 
   // Further requested prefixes that produced this same fanout prefix.
   bool otherOwnerList(const VrfAndPrefix& key) const { return fanout_ && fanout_->otherOwners.get(key); }

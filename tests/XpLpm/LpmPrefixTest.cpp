@@ -159,6 +159,12 @@ TEST(LpmPrefixV4Test, FanoutBookkeepingCostsNothingUntilUsed) {
   EXPECT_GT(p->heapBytes(), 0u);
   p->otherOwnerListDel(other);
   EXPECT_EQ(p->heapBytes(), 0u);
+  p->nhBlockIs(NextHopBlock());
+  EXPECT_EQ(p->heapBytes(), 0u);
+  p->nhBlockIs(NextHopBlock(8, 4));
+  EXPECT_GT(p->heapBytes(), 0u);
+  p->nhBlockIs(NextHopBlock());
+  EXPECT_EQ(p->heapBytes(), 0u);
 }
 
 std::vector<VrfAndPrefix> fanoutKeys(const LpmPrefixV4& p) {
