@@ -5,6 +5,7 @@
 #pragma once
 
 #include <concepts>
+#include <string_view>
 #include <type_traits>
 
 #include "platform/Types.h"
@@ -23,6 +24,16 @@ constexpr U32 hashMix(U64 x) {
 
 // Combines a running hash with one more hashed field.
 constexpr U32 hashCombine(U32 seed, U32 h) { return hashMix((static_cast<U64>(seed) << 32) | h); }
+
+// 64-bit FNV-1a over bytes: a fixed, documented value for checksums and ids kept outside the process.
+constexpr U64 fnv1a(std::string_view bytes) {
+  U64 h = 0xcbf29ce484222325ull;
+  for (unsigned char c : bytes) {
+    h ^= c;
+    h *= 0x100000001b3ull;
+  }
+  return h;
+}
 
 template <class T>
 concept HasHashMember = requires(const T& t) {

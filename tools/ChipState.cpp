@@ -10,6 +10,7 @@
 
 #include "Errors.h"
 #include "OutputFile.h"
+#include "platform/Hash.h"
 
 namespace xplpm {
 
@@ -17,6 +18,7 @@ using XpLib::U16;
 using XpLib::U32;
 using XpLib::U64;
 using XpLib::U8;
+using XpLib::fnv1a;
 
 namespace {
 
@@ -24,15 +26,6 @@ constexpr char kMagic[8] = {'X', 'P', 'L', 'P', 'M', 'C', 'H', 'P'};
 constexpr U32 kVersion = 1;
 constexpr std::size_t kHeaderBytes = sizeof kMagic + 4 + 8;  // magic, version, body length
 constexpr std::size_t kChecksumBytes = 8;
-
-U64 fnv1a(std::string_view bytes) {
-  U64 h = 0xcbf29ce484222325ull;
-  for (unsigned char c : bytes) {
-    h ^= c;
-    h *= 0x100000001b3ull;
-  }
-  return h;
-}
 
 class Writer {
  public:
@@ -149,7 +142,6 @@ constexpr std::size_t kPrefixRecordMin = 1 + 4 + 4 + 18 + 1 + 2 + 1 + 4;
 constexpr std::size_t kNhiRecordBytes = 1 + 4 + XpXdk::xpLpmNhiEntry::kMaxPairs * 6;
 constexpr std::size_t kNextHopRecordBytes = 4 + 8;
 
-U32 tilesOf(const XpXdk::xpLpmTableContext& c) { return c.nhiTiles(); }
 U32 perTileOf(const XpXdk::xpLpmTableContext& c) { return c.nhiTiles() ? c.nhiTableSize / c.nhiTiles() : 0; }
 
 [[noreturn]] void refused(const char* what, U32 a, U32 b, XpXdk::XP_STATUS status) {
@@ -168,7 +160,7 @@ void readFamily(XpLib::Agent::ChipPort& chip, const XpXdk::xpLpmTableContext& c,
     }
   }
   const XpXdk::xpLpmNhiEntry unused;
-  for (U32 tile = 0; tile < tilesOf(c); ++tile) {
+  for (U32 tile = 0; tile < c.nhiTiles(); ++tile) {
     for (U32 o = 0; o < perTileOf(c); ++o) {
       XpXdk::xpLpmNhiEntry e;
       if (const auto st = mgr.readNhiEntry(0, tile, o, &e, 0); st != XpXdk::XP_NO_ERR) refused("to read NHI entry", tile, o, st);
@@ -291,7 +283,7 @@ void decodeFamily(Reader& r, const XpXdk::xpLpmTableContext& c, bool v6, ChipIma
     const std::size_t at = r.offset();
     ChipImage::NhiEntry e{r.num<U8>(), r.num<U32>(), {}};
     for (auto& pair : e.entry.pair) pair = {r.num<U32>(), r.num<U16>()};
-    if (e.tile >= tilesOf(c) || e.offset >= perTileOf(c))
+    if (e.tile >= c.nhiTiles() || e.offset >= perTileOf(c))
       badInput(file, "byte " + std::to_string(at) + ": " + family + " NHI entry " + std::to_string(e.tile) + "/" +
                          std::to_string(e.offset) + " is outside the chip's NHI tiles");
     image.nhi[v6].push_back(e);

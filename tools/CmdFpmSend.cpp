@@ -178,7 +178,8 @@ Outcome exchange(fpm::Connection& conn, Sender& sender, Answers& answers, const 
   const auto t0 = Clock::now();
   const auto deadline = [&] { return Clock::now() - t0 > std::chrono::duration<double>(c.wait); };
   fpm::FrameReader reader;
-  std::string in, why;
+  std::string_view in;
+  std::string why;
   bool sending = true;
   for (;;) {
     if (sending && conn.queued() < kChunkBytes) {
@@ -195,7 +196,7 @@ Outcome exchange(fpm::Connection& conn, Sender& sender, Answers& answers, const 
     pollfd p{conn.fd(), static_cast<short>(POLLIN | (sending || conn.wantsWrite() ? POLLOUT : 0)), 0};
     poll(&p, 1, 50);
     if (!(p.revents & (POLLIN | POLLHUP | POLLERR))) continue;
-    const auto r = conn.read(in, 1 << 20, why);
+    const auto r = conn.read(1 << 20, in, why);
     if (r == fpm::Connection::Read::closed || r == fpm::Connection::Read::failed) badInput("--connect " + c.connect, "the server closed the connection" + (why.empty() ? "" : ": " + why));
     if (r == fpm::Connection::Read::data && !reader.feed(in, answers)) badInput("--connect " + c.connect, "the server's answers cannot be followed");
   }

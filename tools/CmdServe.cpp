@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <iostream>
 #include <sstream>
 
 #include "ChipState.h"
@@ -19,7 +18,6 @@
 #include "Human.h"
 #include "JsonDocument.h"
 #include "OutputFile.h"
-#include "ProfileInput.h"
 #include "Report.h"
 #include "ServeReport.h"
 
@@ -63,9 +61,7 @@ struct Served {
 
 Served setUp(const Options& c) {
   Served s;
-  s.profile = loadProfile(c.profile, "--profile");
-  checkEnvironment(s.profile);
-  s.profile = withEnvironmentGeometry(s.profile);
+  s.profile = chipProfile(c.profile, "--profile");
   std::string why;
   const std::optional<fpm::Endpoint> listen = fpm::parseEndpoint(c.fpmListen, why, true);
   if (!listen) badInput("--fpm-listen", why);
@@ -210,7 +206,11 @@ void ServeHandler::reconcile(const char* why) {
 nlohmann::json ServeHandler::writeOutputs() {
   nlohmann::json j = serveJson(*s_.session, rib_, figures_, server_.counts(), *s_.port);
   try {
-    if (!c_.jsonOut.empty()) replaceFile(c_.jsonOut, j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    if (!c_.jsonOut.empty()) {
+      std::ostringstream doc;
+      writeJson(doc, j);
+      replaceFile(c_.jsonOut, doc.str());
+    }
     if (!c_.fibOut.empty()) {
       std::ostringstream fib;
       rib_.writeFib(fib);
@@ -233,13 +233,7 @@ int ServeHandler::finish() {
     log("chip state saved to %s: %llu entries", c_.state.c_str(), static_cast<unsigned long long>(image.entries()));
   }
   const nlohmann::json j = writeOutputs();
-  const int status = exitStatus(j, c_.allowFailed);
-  if (c_.json) {
-    writeJson(std::cout, j);
-  } else {
-    printServeHuman(j, status);
-  }
-  return status;
+  return xplpm::finish(j, c_, exitStatus(j, c_.allowFailed), printServeHuman);
 }
 
 }  // namespace

@@ -51,10 +51,12 @@ json groupsJson(const ServeRib& rib) {
 }
 
 json messagesJson(const ServeRib& rib, const ServeFigures& f, const fpm::ServerCounts& server) {
+  json ignored = json::object();
+  for (const auto& [why, n] : f.ignored) ignored[std::string(why)] = n;
   return {{"frames", server.frames},
           {"netlink", server.netlink},
           {"malformed", f.malformed},
-          {"ignored", f.ignored},
+          {"ignored", ignored},
           {"next_hop", rib.counts().nextHopMessages},
           {"bytes", server.bytes},
           {"connections", server.connections},

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Options.h"
 #include "ServeRib.h"
@@ -23,7 +24,8 @@ struct ServeFigures {
   Clock::time_point lastRoute;
   U64 routeMessages = 0;
   U64 malformed = 0;
-  std::map<std::string, U64> ignored;  // by reason
+  // By reason: the parser's fixed texts, counted without copying them.
+  std::map<std::string_view, U64> ignored;
   U64 feedbackOffloaded = 0, feedbackFailed = 0;
   bool warm = false;
   std::optional<XpLib::Agent::XpLpmAgent::ReconcileReport> firstReconcile;

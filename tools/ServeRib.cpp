@@ -7,6 +7,9 @@
 #include <cstring>
 #include <tuple>
 #include <unordered_set>
+#include <utility>
+
+#include "platform/Hash.h"
 
 namespace xplpm {
 
@@ -33,26 +36,18 @@ bool pathLess(const NextHopPath& a, const NextHopPath& b) {
 }
 
 // The set's identity: its kind, then each path's family, gateway and interface.
-std::string setKey(U8 kind, const std::vector<NextHopPath>& paths) {
-  std::string key(1, static_cast<char>(kind));
+void setKey(U8 kind, const std::vector<NextHopPath>& paths, std::string& key) {
+  key.assign(1, static_cast<char>(kind));
   for (const NextHopPath& p : paths) {
     key.push_back(static_cast<char>(p.family));
     key.append(reinterpret_cast<const char*>(p.gateway.data()), p.gateway.size());
     key.append(reinterpret_cast<const char*>(&p.ifindex), sizeof p.ifindex);
   }
-  return key;
 }
 
 // Group ids of sets lie in [2^40, 2^41): clear of the agent's default groups (below 2^16), its
 // fillers (2^47 and up) and its scratch group, and within the 47 bits a next-hop entry keeps.
-U64 groupIdOf(const std::string& key) {
-  U64 h = 0xcbf29ce484222325ull;
-  for (unsigned char c : key) {
-    h ^= c;
-    h *= 0x100000001b3ull;
-  }
-  return (U64(1) << 40) | (h & ((U64(1) << 40) - 1));
-}
+U64 groupIdOf(const std::string& key) { return (U64(1) << 40) | (XpLib::fnv1a(key) & ((U64(1) << 40) - 1)); }
 
 }  // namespace
 
@@ -78,19 +73,23 @@ std::optional<U32> ServeRib::vrfOf(U32 table) const {
   return vrf;
 }
 
-U32 ServeRib::holdSet(U8 kind, std::vector<NextHopPath> paths) {
+// A route or object naming a set that exists (the common case) allocates nothing: the paths are
+// put in order and the key built in buffers kept for the purpose.
+U32 ServeRib::holdSet(U8 kind, const std::vector<NextHopPath>& given) {
+  std::vector<NextHopPath>& paths = scratchPaths_;
+  paths.clear();
   if (kind == RTN_UNICAST) {
+    paths.assign(given.begin(), given.end());
     std::sort(paths.begin(), paths.end(), pathLess);
     paths.erase(std::unique(paths.begin(), paths.end(), [](const auto& a, const auto& b) { return a.sameWay(b); }),
                 paths.end());
-  } else {
-    paths.clear();
   }
-  auto [it, fresh] = setByKey_.try_emplace(setKey(kind, paths), 0);
-  if (!fresh) {
-    ++sets_[it->second].holders;
-    return it->second;
+  setKey(kind, paths, scratchKey_);
+  if (const auto held = setByKey_.find(scratchKey_); held != setByKey_.end()) {
+    ++sets_[held->second].holders;
+    return held->second;
   }
+  const auto it = setByKey_.emplace(scratchKey_, 0).first;
   U32 index = static_cast<U32>(sets_.size());
   if (!freeSets_.empty()) {
     index = freeSets_.back();
@@ -107,7 +106,7 @@ U32 ServeRib::holdSet(U8 kind, std::vector<NextHopPath> paths) {
     paths.resize(maxWidth_);
   }
   s.width = static_cast<U16>(std::max<std::size_t>(paths.size(), 1));
-  s.paths = std::move(paths);
+  s.paths = paths;
   U64 id = groupIdOf(s.key);
   while (setByGroup_.contains(id)) ++id;
   s.group = SwId(id);
@@ -159,7 +158,7 @@ U32 ServeRib::resolve(const NextHopObject& o) {
     paths.back().weight = member.weight;
   }
   if (paths.empty()) return blackhole ? holdSet(RTN_BLACKHOLE, {}) : kNoSet;
-  return holdSet(RTN_UNICAST, std::move(paths));
+  return holdSet(RTN_UNICAST, paths);
 }
 
 U32 ServeRib::effectiveSet(const Entry& e) const {
@@ -193,19 +192,20 @@ void ServeRib::program(const Key& k, Entry& e) {
     sets_[set].live = true;
   }
   if (!agent_.routeIs(agentRoute(k, set)).installed()) ++counts_.programFailures;
-  if (e.programmedSet == set) return;
-  ++sets_[set].routes;
-  const U32 old = e.programmedSet;
-  e.programmedSet = set;
-  if (old != kNoSet) releaseRoute(old);
+  holdIn(e, set);
 }
 
 void ServeRib::unprogram(const Key& k, Entry& e) {
   if (e.programmedSet == kNoSet) return;
   agent_.routeDel(agentRoute(k, e.programmedSet));
-  const U32 old = e.programmedSet;
-  e.programmedSet = kNoSet;
-  releaseRoute(old);
+  holdIn(e, kNoSet);
+}
+
+void ServeRib::holdIn(Entry& e, U32 set) {
+  if (e.programmedSet == set) return;
+  if (set != kNoSet) ++sets_[set].routes;
+  const U32 old = std::exchange(e.programmedSet, set);
+  if (old != kNoSet) releaseRoute(old);
 }
 
 void ServeRib::erase(const Key& k) {
@@ -379,12 +379,7 @@ XpLib::Agent::XpLpmAgent::ReconcileReport ServeRib::reconcile() {
       sets_[set].live = true;
       widths.emplace_back(sets_[set].group, Nway(sets_[set].width));
     }
-    if (e.programmedSet != set) {
-      ++sets_[set].routes;
-      const U32 old = e.programmedSet;
-      e.programmedSet = set;
-      if (old != kNoSet) releaseRoute(old);
-    }
+    holdIn(e, set);
     wanted.push_back(agentRoute(k, set));
   }
   auto report = agent_.reconcile(wanted, widths);

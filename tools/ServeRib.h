@@ -128,10 +128,12 @@ class ServeRib {
 
   std::optional<U32> vrfOf(U32 table) const;
   // The set of these paths (or of this kind), interned, with one more holder.
-  U32 holdSet(XpLib::U8 kind, std::vector<fpm::NextHopPath> paths);
+  U32 holdSet(XpLib::U8 kind, const std::vector<fpm::NextHopPath>& paths);
   void dropHolder(U32 set);
   void forgetIfUnused(U32 set);
   void releaseRoute(U32 set);
+  // Moves the route's hold on a set (the routes counted in the agent's group) to `set`, or none.
+  void holdIn(Entry& e, U32 set);
   U32 resolve(const NextHopObject& o);
   U32 effectiveSet(const Entry& e) const;
   XpLib::Agent::Route agentRoute(const Key& k, U32 set) const;
@@ -158,6 +160,8 @@ class ServeRib {
   std::vector<Set> sets_;
   std::vector<U32> freeSets_;
   std::unordered_map<std::string, U32> setByKey_;
+  std::vector<fpm::NextHopPath> scratchPaths_;  // holdSet's buffers
+  std::string scratchKey_;
   std::unordered_map<XpLib::U64, U32> setByGroup_;
   std::unordered_map<U32, NextHopObject> nextHops_;
   std::unordered_map<U32, std::vector<U32>> groupsWith_;  // member id -> the group objects naming it

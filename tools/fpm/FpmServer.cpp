@@ -96,14 +96,15 @@ void FpmServer::readPeer(ServerHandler& handler) {
   Frames frames(*this, handler);
   for (int turn = 0; turn < kReadsPerTurn && peer_; ++turn) {
     std::string why;
-    const Connection::Read r = peer_->read(in_, kReadBytes, why);
+    std::string_view in;
+    const Connection::Read r = peer_->read(kReadBytes, in, why);
     if (r == Connection::Read::none) break;
     if (r != Connection::Read::data) {
       drop(handler, r == Connection::Read::closed ? "closed by the peer" : why);
       return;
     }
-    counts_.bytes += in_.size();
-    const bool followed = frames_.feed(in_, frames);
+    counts_.bytes += in.size();
+    const bool followed = frames_.feed(in, frames);
     replyToPeer(handler);
     if (!followed) {
       drop(handler, "the stream cannot be followed");

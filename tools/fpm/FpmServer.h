@@ -58,7 +58,7 @@ class FpmServer {
   FrameReader frames_;
   NetlinkParser parser_;
   ServerCounts counts_;
-  std::string in_, reply_;
+  std::string reply_;
 };
 
 }  // namespace xplpm::fpm

@@ -47,7 +47,6 @@ std::optional<Endpoint> parseEndpoint(std::string_view text, std::string& why, b
   if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
   const std::string name = host == "localhost" ? "127.0.0.1" : std::string(host);
   Endpoint e;
-  e.text = std::string(text);
   auto* v4 = reinterpret_cast<sockaddr_in*>(&e.address);
   auto* v6 = reinterpret_cast<sockaddr_in6*>(&e.address);
   if (inet_pton(AF_INET, name.c_str(), &v4->sin_addr) == 1) {
@@ -91,11 +90,8 @@ Socket listenOn(const Endpoint& at, std::string& why) {
   }
   const int one = 1;
   setsockopt(s.fd(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (bind(s.fd(), reinterpret_cast<const sockaddr*>(&at.address), at.length) != 0) {
-    why = errnoText("cannot listen on it");
-    return {};
-  }
-  if (listen(s.fd(), 4) != 0 || !nonBlocking(s.fd())) {
+  if (bind(s.fd(), reinterpret_cast<const sockaddr*>(&at.address), at.length) != 0 || listen(s.fd(), 4) != 0 ||
+      !nonBlocking(s.fd())) {
     why = errnoText("cannot listen on it");
     return {};
   }
@@ -146,14 +142,11 @@ Socket connectTo(const Endpoint& to, std::string& why) {
   return s;
 }
 
-Connection::Read Connection::read(std::string& into, std::size_t max, std::string& why) {
-  into.resize(max);
-  const ssize_t n = ::read(fd(), into.data(), max);
-  if (n > 0) {
-    into.resize(static_cast<std::size_t>(n));
-    return Read::data;
-  }
-  into.clear();
+Connection::Read Connection::read(std::size_t max, std::string_view& got, std::string& why) {
+  if (in_.size() < max) in_.resize(max);
+  const ssize_t n = ::read(fd(), in_.data(), max);
+  got = std::string_view(in_.data(), n > 0 ? static_cast<std::size_t>(n) : 0);
+  if (n > 0) return Read::data;
   if (n == 0) return Read::closed;
   if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return Read::none;
   why = errnoText("read");

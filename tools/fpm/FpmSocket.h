@@ -16,7 +16,6 @@ namespace xplpm::fpm {
 struct Endpoint {
   sockaddr_storage address{};
   socklen_t length = 0;
-  std::string text;  // as given
 };
 
 // "127.0.0.1:2620", "[::1]:2620" or "localhost:2620" (numeric addresses only, and
@@ -59,8 +58,9 @@ class Connection {
 
   int fd() const { return socket_.fd(); }
   enum class Read { data, none, closed, failed };
-  // Reads at most `max` bytes into `into` (replacing its contents). `failed` sets `why`.
-  Read read(std::string& into, std::size_t max, std::string& why);
+  // Reads at most `max` bytes; `got` views them in the connection's buffer until the next read.
+  // `failed` sets `why`.
+  Read read(std::size_t max, std::string_view& got, std::string& why);
   // Queues bytes to send; beyond the queue's limit they are dropped and false is answered,
   // so that a peer that never reads costs bounded memory.
   bool queue(std::string_view bytes);
@@ -74,6 +74,8 @@ class Connection {
   std::size_t maxQueued_;
   std::string out_;
   std::size_t sent_ = 0;
+  // Kept at its largest size, so that a read does not clear what it is about to overwrite.
+  std::string in_;
 };
 
 }  // namespace xplpm::fpm

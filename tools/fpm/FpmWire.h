@@ -121,7 +121,8 @@ class MessageSink {
   virtual ~MessageSink() = default;
   virtual void route(const RouteMessage& m) = 0;
   virtual void nextHop(const NextHopMessage& m) = 0;
-  // A well-formed message of no use here; `why` is a short fixed text such as "RTM_NEWLINK".
+  // A well-formed message of no use here; `why` is a fixed text with static lifetime, such as
+  // "route of another address family", that a sink may keep without copying.
   virtual void ignored(std::uint64_t offset, const char* why) = 0;
   virtual void problem(const Problem& p) = 0;
 };
