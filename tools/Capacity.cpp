@@ -74,9 +74,10 @@ void noteGrowth(FamilyCapacity& f, bool stopped) {
   }
 }
 
-}  // namespace
-
+// The seed each family's mix starts from: the families draw independently.
 U64 mixSeed(U64 seed, bool ipv6) { return seed * 2 + ipv6; }
+
+}  // namespace
 
 RouteMix::RouteMix(const std::vector<Route>& table, bool ipv6, U64 seed) : rng_(mixSeed(seed, ipv6)) {
   for (const Route& r : table)
@@ -230,7 +231,7 @@ json resourcesJson(const CapacityResult& r) {
   for (const Resource& x : r.before) {
     const FamilyCapacity& f = r.family[x.ipv6];
     if (!x.shared && (rows.empty() || rows.back()["family"] != familyKey(x.ipv6))) {
-      Resource routes{false, x.ipv6, "routes", "", 0, 0, f.tableRoutes, f.beforeFirstFailure.value_or(0)};
+      Resource routes{false, x.ipv6, "routes", "", 0, f.tableRoutes, f.beforeFirstFailure.value_or(0)};
       rows.push_back(resourceJson(routes));
       rows.back()["used_at_first_failure"] =
           f.failureCode.empty() ? json(nullptr) : json(f.tableRoutes + f.beforeFirstFailure.value_or(0));

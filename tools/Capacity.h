@@ -70,7 +70,6 @@ class RouteMix {
  public:
   // `table`: the table's routes; only those of the family are drawn from.
   RouteMix(const std::vector<XpLib::Agent::Route>& table, bool ipv6, U64 seed);
-  bool empty() const { return templates_.empty(); }
   // A route the agent does not have yet; none after 64 draws in a row of known prefixes.
   std::optional<XpLib::Agent::Route> next(const XpLib::Agent::XpLpmAgent& agent);
 
@@ -78,9 +77,6 @@ class RouteMix {
   std::vector<XpLib::Agent::Route> templates_;
   std::mt19937_64 rng_;
 };
-
-// The seed each family's mix starts from: the families draw independently.
-U64 mixSeed(U64 seed, bool ipv6);
 
 // Adds routes of the mix to the programmed session, family by family, until the failure rate
 // is reached and every growth asked for is tried. `table` is the programmed table.

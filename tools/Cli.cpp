@@ -175,7 +175,7 @@ void buildCli(CLI::App& app, Options& c) {
   auto* pshow = profile->add_subcommand("show", "show one profile's tables");
   pshow->callback([&c] { c.command = "profile show"; });
   pshow->add_option("name", c.profileName, "profile name or FILE.json")->required();
-  pshow->add_flag("--json", c.profileJson, "as a JSON profile");
+  pshow->add_flag("--json", c.json, "as a JSON profile");
 }
 
 }  // namespace xplpm

@@ -8,7 +8,6 @@
 #include "Report.h"
 #include "Svg.h"
 
-#include <iostream>
 
 namespace xplpm {
 
@@ -40,7 +39,7 @@ json profileReport(const XpXdk::xpChipProfile& chip, const RouteSet& set, const 
     std::vector<XpLib::Agent::Route> wanted = set.routes;
     for (bool v6 : {false, true}) wanted.insert(wanted.end(), r.family[v6].addedRoutes.begin(), r.family[v6].addedRoutes.end());
     s->verify(wanted);
-    p["verify"] = {{"probes", s->figures().verifyProbes}, {"mismatches", s->figures().verifyMismatches}};
+    p["verify"] = verifyJson(s->figures());
   }
   if (!c.svg.empty()) writeCapacitySvg(p, set.source, c.svg);
   return p;
@@ -64,12 +63,7 @@ int cmdCapacity(const Options& c) {
     const int one = profileStatus(doc["profiles"].back(), c.allowFailed);
     if (status != exitMismatch && one != exitOk) status = one;
   }
-  if (c.json) {
-    writeJson(std::cout, doc);
-  } else {
-    printCapacity(doc, status);
-  }
-  return status;
+  return finish(doc, c, status, printCapacity);
 }
 
 }  // namespace xplpm

@@ -68,7 +68,7 @@ nlohmann::json byKindJson(const KindFigures (&kinds)[kChurnKinds]) {
 int cmdChurn(const Options& c) {
   Programmed p = programmed(c, false);
   Session& s = *p.session;
-  nlohmann::json j = runJson(s, p.set, c);
+  nlohmann::json j = runJson(s, p.set, c, ChipNow::later);
   ChurnState st{p.set.routes, std::vector<bool>(p.set.routes.size(), true)};
   std::mt19937_64 rng(c.seed);
   KindFigures kinds[kChurnKinds];
@@ -98,9 +98,9 @@ int cmdChurn(const Options& c) {
                        {"mismatches", s.figures().verifyMismatches}};
   churn.update(tallyJson(tally(s.agent(), live)));
   j["churn"] = churn;
-  if (c.verify) j["verify"] = {{"probes", s.figures().verifyProbes}, {"mismatches", s.figures().verifyMismatches}};
+  if (c.verify) j["verify"] = verifyJson(s.figures());
   j["hardware"]["errors"] = s.hardwareErrors();
-  refreshChipJson(s, j);
+  chipJson(s, j);
   if (c.check) j["check"] = checkJson(s.agent());
   return finish(j, c);
 }

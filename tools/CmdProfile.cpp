@@ -18,7 +18,7 @@ int cmdProfileList() {
 
 int cmdProfileShow(const Options& c) {
   const XpXdk::xpChipProfile p = loadProfile(c.profileName, "profile show");
-  if (c.profileJson) {
+  if (c.json) {
     std::cout << profileJson(p) << "\n";
     return exitOk;
   }

@@ -48,7 +48,7 @@ json warmRestart(Session& s, const RouteSet& set) {
 int cmdRestart(const Options& c) {
   Programmed p = programmed(c, false);
   Session& s = *p.session;
-  json j = runJson(s, p.set, c);
+  json j = runJson(s, p.set, c, ChipNow::later);
   json restart = warmRestart(s, p.set);
   std::vector<XpLib::Agent::Route> wanted = p.set.routes;
   if (c.changes > 0) {
@@ -61,10 +61,10 @@ int cmdRestart(const Options& c) {
   j["restart"] = restart;
   if (c.verify) {
     s.verify(wanted);
-    j["verify"] = {{"probes", s.figures().verifyProbes}, {"mismatches", s.figures().verifyMismatches}};
+    j["verify"] = verifyJson(s.figures());
   }
   j["hardware"]["errors"] = s.hardwareErrors();
-  refreshChipJson(s, j);
+  chipJson(s, j);
   if (c.check) j["check"] = checkJson(s.agent());
   return finish(j, c);
 }

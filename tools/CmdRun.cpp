@@ -8,7 +8,7 @@ int cmdRun(const Options& c) {
   Programmed p = programmed(c, c.verify);
   Session& s = *p.session;
   nlohmann::json j = runJson(s, p.set, c);
-  if (c.verify) j["verify"] = {{"probes", s.figures().verifyProbes}, {"mismatches", s.figures().verifyMismatches}};
+  if (c.verify) j["verify"] = verifyJson(s.figures());
   if (c.check) j["check"] = checkJson(s.agent());
   return finish(j, c);
 }

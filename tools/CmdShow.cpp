@@ -54,7 +54,7 @@ int cmdShow(const Options& c) {
   Session& s = *p.session;
   // The status follows the same rules as run's, though the output is the diagnostic.
   nlohmann::json j = runJson(s, p.set, c);
-  if (c.verify) j["verify"] = {{"mismatches", s.figures().verifyMismatches}};
+  if (c.verify) j["verify"] = verifyJson(s.figures());
   std::fflush(stdout);
   if (c.what == "fill") {
     writeFillSvg(s, j, c.svg);

@@ -47,7 +47,6 @@ RunOptions runOptions(const Options& c) {
   RunOptions o;
   o.agent.nextHopGroups = c.groups;
   o.agent.nhiOwnTileFiling = c.nhiFiling == "own";
-  o.verify = c.verify;
   o.probes = c.probes;
   o.seed = c.seed;
   o.progress = isatty(2) && !c.json;
@@ -70,7 +69,6 @@ std::unique_ptr<Session> programSession(const XpXdk::xpChipProfile& profile, con
   } else {
     session->replay(set.ops, set.routes);
   }
-  session->survey();
   if (verify) session->verify(set.routes);
   return session;
 }
@@ -83,12 +81,13 @@ Programmed programmed(const Options& c, bool verify) {
   return p;
 }
 
-int finish(const nlohmann::json& j, const Options& c) {
-  const int status = exitStatus(j, c.allowFailed);
+int finish(const nlohmann::json& j, const Options& c) { return finish(j, c, exitStatus(j, c.allowFailed), printHuman); }
+
+int finish(const nlohmann::json& j, const Options& c, int status, void (*human)(const nlohmann::json&, int)) {
   if (c.json) {
     writeJson(std::cout, j);
   } else {
-    printHuman(j, status);
+    human(j, status);
   }
   return status;
 }

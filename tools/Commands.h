@@ -36,6 +36,8 @@ Programmed programmed(const Options& c, bool verify);
 
 // Prints the report (JSON or the summary) and returns the exit status it implies.
 int finish(const nlohmann::json& j, const Options& c);
+// The same for a report with its own status and summary.
+int finish(const nlohmann::json& j, const Options& c, int status, void (*human)(const nlohmann::json&, int));
 
 int cmdRun(const Options& c);
 int cmdRestart(const Options& c);

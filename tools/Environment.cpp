@@ -18,8 +18,6 @@ namespace {
 
 // Each NHI entry of the simulated chip is 80 bytes in memory, per family.
 constexpr U64 kMaxNhiEntries = U64(1) << 20;
-// The chip's tile bitmap: 8 bytes of 8 tiles.
-constexpr U32 kMaxNhiTiles = 64;
 
 // A variable that environmentProblems has accepted as a decimal number.
 std::optional<U64> number(const char* name) {
@@ -38,9 +36,6 @@ std::vector<InputError> environmentErrors(const XpXdk::xpChipProfile& profile) {
   for (std::string& problem : XpLib::Agent::environmentProblems(profile)) errors.push_back({"", std::move(problem)});
   if (!errors.empty()) return errors;
   const std::optional<U64> tiles = number("NUMBER_OF_NHI_TILES"), perTile = number("NHI_TABLE_SIZE");
-  if (tiles && *tiles > kMaxNhiTiles)
-    errors.push_back({"", std::string("NUMBER_OF_NHI_TILES=") + std::to_string(*tiles) + " is more than the " +
-                              std::to_string(kMaxNhiTiles) + " NHI tiles the simulated chip can have"});
   for (const auto* c : {&profile.ipv4, &profile.ipv6}) {
     const U64 entries = tiles.value_or(c->nhiTiles()) * perTile.value_or(kNhiEntriesPerTile);
     if ((tiles || perTile) && entries > kMaxNhiEntries) {

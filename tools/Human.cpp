@@ -419,7 +419,7 @@ void printServeHuman(const json& j, int status) {
               u(rs["reconciliations"]), u(rc["kept"]), u(rc["changed"]), u(rc["added"]), u(rc["withdrawn"]), u(rs["writes"]));
   if (j["verify"]["done"].get<bool>())
     std::printf("  verify     %llu probes, %llu mismatches\n", u(j["verify"]["probes"]), u(j["verify"]["mismatches"]));
-  std::printf("  result     exit %d: %s\n", status, verdict(status));
+  std::printf("  result     %s\n", resultLine(status).c_str());
 }
 
 }  // namespace xplpm

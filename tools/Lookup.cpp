@@ -1,6 +1,8 @@
 // Address and prefix lookups.
 #include "Lookup.h"
 
+#include <stdexcept>
+
 #include "Errors.h"
 #include "ModelJson.h"
 #include "Resources.h"
@@ -115,11 +117,12 @@ Query parseQuery(U32 vrf, const std::string& query) {
   return q;
 }
 
-json lookupJson(XpLpmAgent& agent, const XpLib::Agent::Forwarding& check, const Query& q) {
+json lookupJson(XpLpmAgent& agent, const XpLib::Agent::Forwarding* check, const Query& q) {
   const XpLib::Agent::Route& r = q.route;
+  if (!q.prefix && !check) throw std::logic_error("an address lookup needs the reference");
   json j = q.prefix ? prefixJson(agent, r)
-           : r.ipv6 ? addressJson(agent, check, r.vrf, r.v6.address(), true, r.v6.address()[15])
-                    : addressJson(agent, check, r.vrf, r.v4.address(), false, r.v4.address());
+           : r.ipv6 ? addressJson(agent, *check, r.vrf, r.v6.address(), true, r.v6.address()[15])
+                    : addressJson(agent, *check, r.vrf, r.v4.address(), false, r.v4.address());
   j.update({{"query", q.text}, {"vrf", r.vrf}, {"family", familyKey(r.ipv6)}});
   return j;
 }

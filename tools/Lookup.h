@@ -24,7 +24,7 @@ Query parseQuery(XpLib::U32 vrf, const std::string& text);
 // chip holds there), "reference" (the longest installed match and its block) and "agree". For
 // a prefix: "state" (installed, not requested, or the failure code), its group and block, and
 // where it lives ("subtrie", with the prefix's slot) or the tables it may be placed in
-// ("candidates").
-nlohmann::json lookupJson(XpLib::Agent::XpLpmAgent& agent, const XpLib::Agent::Forwarding& check, const Query& q);
+// ("candidates"). `check` is needed for an address only: a prefix query may pass null.
+nlohmann::json lookupJson(XpLib::Agent::XpLpmAgent& agent, const XpLib::Agent::Forwarding* check, const Query& q);
 
 }  // namespace xplpm

@@ -37,7 +37,6 @@ struct Options {
   double failureRate = 1.0;           // capacity: percent of added routes failing that ends the run
   XpLib::U32 vrf = 0;                // lookup
   std::string profileName;   // profile show
-  bool profileJson = false;  // profile show --json
   // serve
   std::string fpmListen = "127.0.0.1:2620";
   std::string jsonOut;

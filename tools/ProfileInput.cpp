@@ -112,7 +112,6 @@ class PathReader {
 
 std::string describe(const json& v) {
   if (v.is_string()) return "the string " + v.dump();
-  if (v.is_number_float()) return v.dump();
   if (v.is_number()) return v.dump();
   return std::string("a") + (v.is_array() || v.is_object() ? "n " : " ") + v.type_name();
 }

@@ -123,7 +123,7 @@ json tallyJson(const Tally& t) {
   return {{"failed", t.failed()}, {"failures_by_code", byCode}, {"failures_by_length", byLength}};
 }
 
-json runJson(Session& s, const RouteSet& set, const Options& c) {
+json runJson(Session& s, const RouteSet& set, const Options& c, ChipNow chip) {
   const Figures& f = s.figures();
   const U64 requested = f.programmed.requestedAll(), installed = f.programmed.installedAll();
   const std::string family = familyName(set, c);
@@ -146,18 +146,19 @@ json runJson(Session& s, const RouteSet& set, const Options& c) {
               {"what", "the same requests stored in an open-addressing map sized beforehand"}}},
             {"commands", commandsJson(s)},
             {"hardware", hardwareJson(s)},
-            {"memory", {{"bytes", f.memoryBytes}, {"bytes_per_route", installed ? double(f.memoryBytes) / installed : 0}}},
-            {"tables", tablesJson(s, family == "mixed")},
-            {"nhi", nhiJson(s)}});
+            {"memory", {{"bytes", f.memoryBytes}, {"bytes_per_route", installed ? double(f.memoryBytes) / installed : 0}}}});
   if (!f.programmed.samples.empty()) j["failure_samples"] = f.programmed.samples;
+  if (chip == ChipNow::read) chipJson(s, j);
   return j;
 }
 
-void refreshChipJson(Session& s, json& j) {
+void chipJson(Session& s, json& j) {
   s.survey();
   j["tables"] = tablesJson(s, j["family"] == "mixed");
   j["nhi"] = nhiJson(s);
 }
+
+json verifyJson(const Figures& f) { return {{"probes", f.verifyProbes}, {"mismatches", f.verifyMismatches}}; }
 
 json checkJson(XpLib::Agent::XpLpmAgent& agent) {
   json j;

@@ -45,7 +45,7 @@ void tableResources(const XpLib::XpLpm::LpmSm& sm, bool v6, std::vector<Resource
     for (U32 id : t.ids) ids += (ids.empty() ? "" : ", ") + std::to_string(id);
     out.push_back(Resource{false, v6, "prefix-table entries",
                            "tread " + std::to_string(tread) + (t.ids.size() > 1 ? " (tables " : " (table ") + ids + ")",
-                           tread, 0, t.used, t.depth - t.used});
+                           tread, t.used, t.depth - t.used});
   }
 }
 
@@ -61,11 +61,11 @@ std::vector<Resource> modelResources(const XpLib::Agent::XpLpmAgent& agent, cons
     for (const auto& [tile, a] : sm.nhiAllocatorMap()) tiles.emplace_back(tile.value(), a.ptr());
     std::sort(tiles.begin(), tiles.end());
     for (const auto& [tile, a] : tiles)
-      out.push_back(Resource{false, v6, "NHI entries", "tile " + std::to_string(tile), 0, tile,
+      out.push_back(Resource{false, v6, "NHI entries", "tile " + std::to_string(tile), 0,
                              U64(a->entriesCapacity() - a->freeEntries()), a->freeEntries()});
   }
   const auto& nh = *agent.nextHopSm()->allocator();
-  out.push_back(Resource{true, false, "next-hop entries", "", 0, 0, U64(nh.entriesCapacity() - nh.freeEntries()), nh.freeEntries()});
+  out.push_back(Resource{true, false, "next-hop entries", "", 0, U64(nh.entriesCapacity() - nh.freeEntries()), nh.freeEntries()});
   return out;
 }
 

@@ -24,7 +24,7 @@ struct Resource {
   bool ipv6 = false;
   std::string kind;     // "routes", "prefix-table entries", "NHI entries", "next-hop entries"
   std::string name;     // "tread 36 (tables 0-3)", "tile 2", or empty
-  U32 tread = 0, tile = 0;
+  U32 tread = 0;
   U64 used = 0, available = 0;
 
   // "ipv4 prefix-table entries, tread 36 (tables 0-3)", "next-hop entries".

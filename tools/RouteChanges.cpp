@@ -6,17 +6,13 @@
 #include <string>
 #include <unordered_set>
 
+#include "RouteInput.h"
+
 namespace xplpm {
 
 using XpLib::Agent::Route;
 using XpLib::U64;
 using XpLib::U8;
-
-namespace {
-
-std::string keyOf(const Route& r) { return std::to_string(r.vrf) + "/" + r.prefixStr(); }
-
-}  // namespace
 
 Route routeNear(const Route& t, int keep, int len, std::mt19937_64& rng) {
   Route r = t;
@@ -39,8 +35,8 @@ Route routeNear(const Route& t, int keep, int len, std::mt19937_64& rng) {
 ChangeCounts applyRouteChanges(XpLib::Agent::XpLpmAgent& agent, std::vector<Route>& wanted, U64 n, U64 seed) {
   std::mt19937_64 rng(seed);
   const U64 groups = agent.options().nextHopGroups;
-  std::unordered_set<std::string> keys;
-  for (const Route& r : wanted) keys.insert(keyOf(r));
+  std::unordered_set<RouteKey, RouteKeyHash> keys;
+  for (const Route& r : wanted) keys.insert(routeKey(r));
   ChangeCounts counts;
   for (U64 op = 0; op < n && !wanted.empty(); ++op) {
     const std::size_t i = rng() % wanted.size();
@@ -53,7 +49,7 @@ ChangeCounts applyRouteChanges(XpLib::Agent::XpLpmAgent& agent, std::vector<Rout
       ++counts.nextHop;
     } else if (kind == 1) {
       agent.routeDel(wanted[i]);
-      keys.erase(keyOf(wanted[i]));
+      keys.erase(routeKey(wanted[i]));
       wanted[i] = wanted.back();
       wanted.pop_back();
       ++counts.withdrawn;
@@ -64,7 +60,7 @@ ChangeCounts applyRouteChanges(XpLib::Agent::XpLpmAgent& agent, std::vector<Rout
         const int newLen = std::clamp(len + static_cast<int>(rng() % 9) - 4, 1, maxLen);
         Route r = routeNear(t, std::min(newLen, len), newLen, rng);
         r.nextHop = rng() % (4 * groups);
-        if (!keys.insert(keyOf(r)).second) continue;
+        if (!keys.insert(routeKey(r)).second) continue;
         agent.routeIs(r);
         wanted.push_back(r);
         ++counts.added;

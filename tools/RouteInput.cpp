@@ -15,6 +15,7 @@
 #include <unordered_map>
 
 #include "agent/RouteFile.h"
+#include "platform/Hash.h"
 
 namespace xplpm {
 
@@ -23,6 +24,23 @@ using XpLib::U64;
 using XpLib::U8;
 using XpLib::Agent::LineKind;
 using XpLib::Agent::Route;
+
+std::size_t RouteKeyHash::operator()(const RouteKey& k) const {
+  U64 a = 0, b = 0;
+  std::memcpy(&a, k.address.data(), 8);
+  std::memcpy(&b, k.address.data() + 8, 8);
+  return XpLib::hashCombine(XpLib::hashCombine(k.vrf << 9 | U32(k.len) << 1 | k.v6, XpLib::hashMix(a)), XpLib::hashMix(b));
+}
+
+RouteKey routeKey(const Route& r) {
+  RouteKey k{r.vrf, r.ipv6 ? r.v6.len() : r.v4.len(), r.ipv6, {}};
+  if (r.ipv6) {
+    k.address = r.v6.address();
+  } else {
+    for (unsigned i = 0; i < 4; ++i) k.address[i] = r.v4.octet(i);
+  }
+  return k;
+}
 
 namespace {
 
@@ -92,32 +110,6 @@ std::optional<std::array<U8, 16>> peerAddress(std::string_view text) {
   return a;
 }
 
-struct Key {
-  U32 vrf;
-  U8 len;
-  bool v6;
-  std::array<U8, 16> address;
-  bool operator==(const Key&) const = default;
-};
-
-struct KeyHash {
-  std::size_t operator()(const Key& k) const {
-    std::size_t h = 0xcbf29ce484222325ull ^ (std::size_t(k.vrf) << 9) ^ (std::size_t(k.len) << 1) ^ k.v6;
-    for (U8 b : k.address) h = (h ^ b) * 0x100000001b3ull;
-    return h;
-  }
-};
-
-Key keyOf(const Route& r) {
-  Key k{r.vrf, r.ipv6 ? r.v6.len() : r.v4.len(), r.ipv6, {}};
-  if (r.ipv6) {
-    k.address = r.v6.address();
-  } else {
-    for (unsigned i = 0; i < 4; ++i) k.address[i] = r.v4.octet(i);
-  }
-  return k;
-}
-
 // A peer's path for a prefix. Route lines have no peer: their path is the only one.
 struct PeerPath {
   std::array<U8, 16> peer{};
@@ -135,7 +127,7 @@ class RouteTable {
 
   // A route line (no peer: it replaces whatever the prefix had) or a peer's path.
   void announce(const Route& r, const PeerPath* path) {
-    auto [it, fresh] = index_.try_emplace(keyOf(r), set_.routes.size());
+    auto [it, fresh] = index_.try_emplace(routeKey(r), set_.routes.size());
     const std::size_t i = it->second;
     if (fresh) {
       set_.routes.push_back(r);
@@ -154,7 +146,7 @@ class RouteTable {
     choose(i, paths);
   }
   void withdraw(const Route& r, const std::array<U8, 16>& peer) {
-    const auto it = index_.find(keyOf(r));
+    const auto it = index_.find(routeKey(r));
     const auto paths = it == index_.end() ? paths_.end() : paths_.find(it->second);
     if (paths == paths_.end()) return;
     std::vector<PeerPath>& p = paths->second;
@@ -195,7 +187,7 @@ class RouteTable {
   RouteSet& set_;
   std::vector<bool> wanted_;
   std::unordered_map<std::size_t, std::vector<PeerPath>> paths_;
-  std::unordered_map<Key, std::size_t, KeyHash> index_;
+  std::unordered_map<RouteKey, std::size_t, RouteKeyHash> index_;
   bool replay_ = false;
 };
 

@@ -32,6 +32,19 @@
 
 namespace xplpm {
 
+// A route's key, VRF and prefix of either family, for sets and maps of routes by key.
+struct RouteKey {
+  XpLib::U32 vrf = 0;
+  XpLib::U8 len = 0;
+  bool v6 = false;
+  std::array<XpLib::U8, 16> address{};
+  bool operator==(const RouteKey&) const = default;
+};
+struct RouteKeyHash {
+  std::size_t operator()(const RouteKey& k) const;
+};
+RouteKey routeKey(const XpLib::Agent::Route& r);
+
 // One request of an update input's replay.
 struct RouteOp {
   bool withdraw = false;

@@ -21,7 +21,6 @@ using XpLib::U64;
 
 struct RunOptions {
   XpLib::Agent::AgentOptions agent;
-  bool verify = false;
   U64 probes = 1000000;
   U64 seed = 1;
   bool progress = false;  // a progress bar on standard error

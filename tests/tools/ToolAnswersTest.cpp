@@ -97,7 +97,7 @@ TEST(ToolAnswersTest, LookupsAgreeWithChipAndAnIndependentLongestMatch) {
   int hits = 0;
   for (int i = 0; i < 10000; ++i) {
     const Route a = randomAddress(routes, rng);
-    const json j = lookupJson(agent, check, parseQuery(0, addressText(a)));
+    const json j = lookupJson(agent, &check, parseQuery(0, addressText(a)));
     SCOPED_TRACE(j.dump());
     const std::optional<Route> want = longestMatch(routes, a);
     ASSERT_EQ(j["reference"]["hit"], want.has_value());
@@ -115,7 +115,7 @@ TEST(ToolAnswersTest, LookupsAgreeWithChipAndAnIndependentLongestMatch) {
     EXPECT_EQ(chip["member"], selector % block.size().value());
     EXPECT_EQ(chip["next_hop_entry"], json({{"group", chip["group"]}, {"member", chip["member"]}}));
     // The chip's entry, slot and NHI pair are where the model placed the matching route.
-    const json where = lookupJson(agent, check, parseQuery(0, want->prefixStr()));
+    const json where = lookupJson(agent, &check, parseQuery(0, want->prefixStr()));
     const json& st = where["subtrie"];
     const unsigned pairs = (a.ipv6 ? agent.profile().ipv6 : agent.profile().ipv4).nhiPairPerEntry;
     EXPECT_EQ(json({chip["table"], chip["index"], chip["slot"], chip["nhi"]["tile"], chip["nhi"]["entry"], chip["nhi"]["pair"]}),
@@ -127,13 +127,13 @@ TEST(ToolAnswersTest, LookupsAgreeWithChipAndAnIndependentLongestMatch) {
   // Prefixes: each installed one is found in the slot its sub-trie reports.
   for (int i = 0; i < 300; ++i) {
     const Route& r = routes[rng() % routes.size()];
-    const json j = lookupJson(agent, check, parseQuery(r.vrf, r.prefixStr()));
+    const json j = lookupJson(agent, &check, parseQuery(r.vrf, r.prefixStr()));
     ASSERT_EQ(j["state"], "installed") << j.dump();
     bool found = false;
     for (const json& p : j["subtrie"]["prefixes"]) found = found || (p["slot"] == j["slot"] && p["prefix"] == r.prefixStr());
     EXPECT_TRUE(found) << j.dump();
   }
-  EXPECT_EQ(lookupJson(agent, check, parseQuery(9, routes[0].prefixStr()))["state"], "not requested");
+  EXPECT_EQ(lookupJson(agent, &check, parseQuery(9, routes[0].prefixStr()))["state"], "not requested");
 }
 
 // "Available" is replayed on a fresh chip: the table and exactly that many routes of each
