@@ -15,9 +15,9 @@
 #pragma once
 
 #include <utility>
-#include <vector>
 
 #include "XpLpm/LpmPrefix.h"
+#include "platform/ChunkedVector.h"
 #include "platform/HashMap.h"
 
 namespace XpLib {
@@ -70,7 +70,7 @@ class LpmPrefixRecordMap {
   LpmPrefixRecordMap& operator=(const LpmPrefixRecordMap&) = delete;
   ~LpmPrefixRecordMap() { clear(); }
 
-  U32 size() const { return spilled_ ? spill_.size() : static_cast<U32>(keys_.size()); }
+  U32 size() const { return spilled_ ? spill_.size() : keys_.size(); }
   bool empty() const { return size() == 0; }
   const_iterator begin() const { return const_iterator(this, 0); }
   const_iterator end() const { return const_iterator(this, size()); }
@@ -104,7 +104,7 @@ class LpmPrefixRecordMap {
       }
       if (keptHere(*p) && Field::at(r) == LpmPrefixRecord::kNowhere) {
         domain_ = r.domain;
-        Field::at(r) = static_cast<U32>(keys_.size());
+        Field::at(r) = keys_.size();
         keys_.push_back(p);
         Field::put(r, v);
         return true;
@@ -147,7 +147,7 @@ class LpmPrefixRecordMap {
   }
 
   // Bytes owned on the heap, for memory accounting; the records are part of the key objects.
-  std::size_t heapBytes() const { return keys_.capacity() * sizeof(Ptr<LpmPrefix>) + spill_.heapBytes(); }
+  std::size_t heapBytes() const { return keys_.heapBytes() + spill_.heapBytes(); }
 
  private:
   Entry entry(U32 i) const {
@@ -172,19 +172,19 @@ class LpmPrefixRecordMap {
 
   // Moves every entry out of the records into a plain map, in the same order.
   void spill() {
-    for (const Ptr<LpmPrefix>& k : keys_) {
+    for (U32 i = 0; i < keys_.size(); ++i) {
+      const Ptr<LpmPrefix>& k = keys_[i];
       LpmPrefixRecord& r = k->record();
       spill_.set(k, Field::get(r));
       Field::at(r) = LpmPrefixRecord::kNowhere;
       Field::put(r, Value());
     }
     keys_.clear();
-    keys_.shrink_to_fit();
     domain_ = 0;
     spilled_ = true;
   }
 
-  std::vector<Ptr<LpmPrefix>> keys_;
+  ChunkedVector<Ptr<LpmPrefix>> keys_;
   U32 domain_ = 0;
   bool spilled_ = false;
   LpmPrefixMap<Value> spill_;

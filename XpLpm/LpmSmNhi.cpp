@@ -224,7 +224,9 @@ Ptr<NhiInfo> LpmSm::allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKe
   nhiInfo->subTrieCountInc(1);
   if (nhiInfo->subTrieCount() > 1) nhiSharedDeleteNeed_ += nhiBlockSize(static_cast<U8>(key.slotToNextHopBlocks() - 1));
   subTrie->nhiBaseIdxIs(nhiBaseIdx);
-  subTrie->nhiInfoKeyIs(key);
+  // The record's key, not the caller's equal copy: every sub-trie of a shared block then holds
+  // one representation of it.
+  subTrie->nhiInfoKeyIs(nhiInfo->nhiInfoKey());
   return nhiInfo;
 }
 
