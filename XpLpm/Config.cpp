@@ -198,6 +198,8 @@ std::atomic<U32> nextDomain{1};
 
 Ptr<LpmPrefixV4> makeObject(const VrfAndPrefix& key) { return lpmPrefixV4Factory(key); }
 Ptr<LpmPrefixV6> makeObject(const VrfAndIp6Prefix& key) { return lpmPrefixV6Factory(key); }
+const VrfAndPrefix& keyOf(const LpmPrefixV4& p) { return p.vrfAndPrefix(); }
+const VrfAndIp6Prefix& keyOf(const LpmPrefixV6& p) { return p.vrfAndIp6Prefix(); }
 }  // namespace
 
 // Objects that outlive their configuration keep its domain: no new object of it can appear.
@@ -206,7 +208,7 @@ LpmPrefixObjects<K, P>::LpmPrefixObjects() : domain_(nextDomain++) {}
 
 template <class K, class P>
 Ptr<P> LpmPrefixObjects<K, P>::intern(const K& key) {
-  if (const Ptr<P>* held = map_.find(key)) return *held;
+  if (const U32 at = locate(key); at != kNone) return Ptr<P>(slots_[at]);
   Ptr<P> p;
   if (!dropped_.empty()) {
     p = dropped_.get(key);
@@ -216,34 +218,104 @@ Ptr<P> LpmPrefixObjects<K, P>::intern(const K& key) {
     p = makeObject(key);
     p->record().domain = domain_;
   }
-  map_.set(key, p);
+  insert(p.ptr());
   return p;
 }
 
 template <class K, class P>
 void LpmPrefixObjects<K, P>::set(const K& key, const Ptr<P>& p) {
-  const Ptr<P> held = map_.get(key);
-  if (held == p) return;
-  if (held) release(held, key);
-  if (p) {
-    // Taken as the key's object unless a dropped one still is, or another configuration's.
-    const Ptr<P> dropped = dropped_.get(key);
-    if (dropped == p) dropped_.erase(key);
-    if (!dropped && p->record().domain == 0) p->record().domain = domain_;
+  const U32 at = locate(key);
+  if (at != kNone && slots_[at] == p.ptr()) return;
+  if (at != kNone) {
+    const Ptr<P> held(slots_[at]);
+    remove(at);
+    release(held, key);
   }
-  map_.set(key, p);
+  if (!p) return;
+  // Taken as the key's object unless a dropped one still is, or another configuration's.
+  const Ptr<P> dropped = dropped_.get(key);
+  if (dropped == p) dropped_.erase(key);
+  if (!dropped && p->record().domain == 0) p->record().domain = domain_;
+  insert(p.ptr());
 }
 
 template <class K, class P>
 void LpmPrefixObjects<K, P>::erase(const K& key) {
-  const Ptr<P> held = map_.get(key);
-  if (!map_.erase(key)) return;
-  if (held) release(held, key);
+  const U32 at = locate(key);
+  if (at == kNone) return;
+  const Ptr<P> held(slots_[at]);
+  remove(at);
+  release(held, key);
 }
 
 template <class K, class P>
 void LpmPrefixObjects<K, P>::clear() {
-  while (!map_.empty()) erase(map_.begin()->first);
+  for (U32 i = 0; i < slots_.size() && count_ > 0;) {
+    if (!slots_[i]) {
+      ++i;
+      continue;
+    }
+    // Removing may shift a later entry into this slot: look at it again.
+    const Ptr<P> held(slots_[i]);
+    remove(i);
+    release(held, keyOf(*held));
+  }
+  slots_.clear();
+  slots_.shrink_to_fit();
+}
+
+template <class K, class P>
+U32 LpmPrefixObjects<K, P>::locate(const K& key) const {
+  if (slots_.empty()) return kNone;
+  const U32 mask = static_cast<U32>(slots_.size() - 1);
+  const U32 h = key.hash();
+  for (U32 i = h & mask;; i = (i + 1) & mask) {
+    const P* p = slots_[i];
+    if (!p) return kNone;
+    if (p->keyHash() == h && keyOf(*p) == key) return i;
+  }
+}
+
+template <class K, class P>
+void LpmPrefixObjects<K, P>::insert(P* p) {
+  // At most three quarters full, so that a miss (every new route) ends after a few probes.
+  if (4 * (count_ + 1) > 3 * slots_.size()) grow();
+  const U32 mask = static_cast<U32>(slots_.size() - 1);
+  U32 i = p->keyHash() & mask;
+  while (slots_[i]) i = (i + 1) & mask;
+  slots_[i] = p;
+  p->newRef();
+  ++count_;
+}
+
+template <class K, class P>
+void LpmPrefixObjects<K, P>::grow() {
+  std::vector<P*> old(slots_.empty() ? 16 : 2 * slots_.size(), nullptr);
+  old.swap(slots_);
+  const U32 mask = static_cast<U32>(slots_.size() - 1);
+  for (P* p : old) {
+    if (!p) continue;
+    U32 i = p->keyHash() & mask;
+    while (slots_[i]) i = (i + 1) & mask;
+    slots_[i] = p;
+  }
+}
+
+// Backward-shift deletion keeps probe sequences unbroken without tombstones.
+template <class K, class P>
+void LpmPrefixObjects<K, P>::remove(U32 hole) {
+  P* gone = slots_[hole];
+  const U32 mask = static_cast<U32>(slots_.size() - 1);
+  for (U32 i = (hole + 1) & mask; slots_[i]; i = (i + 1) & mask) {
+    const U32 home = slots_[i]->keyHash() & mask;
+    if (((i - home) & mask) >= ((i - hole) & mask)) {
+      slots_[hole] = slots_[i];
+      hole = i;
+    }
+  }
+  slots_[hole] = nullptr;
+  --count_;
+  gone->deleteRef();
 }
 
 template <class K, class P>

@@ -153,12 +153,16 @@ class ConfigBase : public PtrInterface {
 template <class K, class P>
 class LpmPrefixObjects {
  public:
-  using Map = HashMap<K, Ptr<P>>;
-
   LpmPrefixObjects();
+  LpmPrefixObjects(const LpmPrefixObjects&) = delete;
+  LpmPrefixObjects& operator=(const LpmPrefixObjects&) = delete;
+  ~LpmPrefixObjects() { clear(); }
 
-  const Map& map() const { return map_; }
-  Ptr<P> get(const K& key) const { return map_.get(key); }
+  U32 size() const { return count_; }
+  Ptr<P> get(const K& key) const {
+    const U32 at = locate(key);
+    return at == kNone ? Ptr<P>() : Ptr<P>(slots_[at]);
+  }
   // The key's object, made on first use.
   Ptr<P> intern(const K& key);
   void set(const K& key, const Ptr<P>& p);
@@ -166,20 +170,29 @@ class LpmPrefixObjects {
   void clear();
 
  private:
+  static constexpr U32 kNone = 0xFFFFFFFFu;
+
   // An object leaves the collection: it stays the key's object while anything keeps it.
   void release(const Ptr<P>& p, const K& key);
   void pruneDropped();
 
+  // The index: open addressing over the objects themselves, which hold their key and its hash,
+  // so that an entry costs one pointer rather than a copy of the key beside it. Each slot holds
+  // a reference.
+  U32 locate(const K& key) const;
+  void insert(P* p);
+  void remove(U32 at);
+  void grow();
+
   U32 domain_;
-  Map map_;
-  Map dropped_;
+  std::vector<P*> slots_;
+  U32 count_ = 0;
+  HashMap<K, Ptr<P>> dropped_;
   U32 droppedAtPrune_ = 0;
 };
 
 class ConfigV4 : public ConfigBase {
  public:
-  using LpmPrefixCollection = HashMap<VrfAndPrefix, Ptr<LpmPrefixV4>>;
-
   explicit ConfigV4(const Name& name) : ConfigBase(name) { addressFamilyInit(AddressFamily::ipv4); }
 
   // Throws ImmutableAttrMutationException: the family of an IPv4 configuration is fixed.
@@ -189,8 +202,7 @@ class ConfigV4 : public ConfigBase {
   // The configuration's one prefix object for `key`, created on first use.
   Ptr<LpmPrefixV4> newLpmPrefix(const VrfAndPrefix& key);
   Ptr<LpmPrefixV4> lpmPrefix(const VrfAndPrefix& key) const { return lpmPrefix_.get(key); }
-  U32 lpmPrefixs() const { return lpmPrefix_.map().size(); }
-  const LpmPrefixCollection& lpmPrefixMap() const { return lpmPrefix_.map(); }
+  U32 lpmPrefixs() const { return lpmPrefix_.size(); }
   void lpmPrefixIs(const VrfAndPrefix& key, const Ptr<LpmPrefixV4>& p) { lpmPrefix_.set(key, p); }
   void lpmPrefixDel(const VrfAndPrefix& key) { lpmPrefix_.erase(key); }
   void lpmPrefixDelAll() { lpmPrefix_.clear(); }
@@ -201,8 +213,6 @@ class ConfigV4 : public ConfigBase {
 
 class ConfigV6 : public ConfigBase {
  public:
-  using LpmPrefixCollection = HashMap<VrfAndIp6Prefix, Ptr<LpmPrefixV6>>;
-
   explicit ConfigV6(const Name& name) : ConfigBase(name) { addressFamilyInit(AddressFamily::ipv6); }
 
   // Throws ImmutableAttrMutationException: the family of an IPv6 configuration is fixed.
@@ -211,8 +221,7 @@ class ConfigV6 : public ConfigBase {
 
   Ptr<LpmPrefixV6> newLpmPrefix(const VrfAndIp6Prefix& key);
   Ptr<LpmPrefixV6> lpmPrefix(const VrfAndIp6Prefix& key) const { return lpmPrefix_.get(key); }
-  U32 lpmPrefixs() const { return lpmPrefix_.map().size(); }
-  const LpmPrefixCollection& lpmPrefixMap() const { return lpmPrefix_.map(); }
+  U32 lpmPrefixs() const { return lpmPrefix_.size(); }
   void lpmPrefixIs(const VrfAndIp6Prefix& key, const Ptr<LpmPrefixV6>& p) { lpmPrefix_.set(key, p); }
   void lpmPrefixDel(const VrfAndIp6Prefix& key) { lpmPrefix_.erase(key); }
   void lpmPrefixDelAll() { lpmPrefix_.clear(); }

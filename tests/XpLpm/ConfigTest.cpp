@@ -65,6 +65,38 @@ TEST(ConfigTest, OnePrefixObjectPerKey) {
   EXPECT_EQ(cfg6->lpmPrefixs(), 1u);
 }
 
+// Random adds and removals over a few thousand keys, against a plain map: every key finds its own
+// object through growth and removals from the middle of probe runs, and an object that a
+// collection still keeps comes back for its key after it was let go.
+TEST(ConfigTest, ObjectsSurviveChurnAndComeBackWhileKept) {
+  Ptr<ConfigV4> cfg = configV4Factory("v4");
+  std::map<U32, Ptr<LpmPrefixV4>> ref;
+  std::mt19937 rng(7);
+  const auto keyOf = [](U32 i) { return VrfAndPrefix{i % 3, Prefix(i << 8, 24)}; };
+  for (int step = 0; step < 40000; ++step) {
+    const U32 i = rng() % 3000;
+    if (rng() % 3) {
+      Ptr<LpmPrefixV4> p = cfg->newLpmPrefix(keyOf(i));
+      if (ref.count(i)) ASSERT_EQ(p, ref[i]) << step;
+      ref[i] = p;
+    } else {
+      cfg->lpmPrefixDel(keyOf(i));
+      ref.erase(i);
+    }
+    ASSERT_EQ(cfg->lpmPrefixs(), ref.size()) << step;
+  }
+  for (const auto& [i, p] : ref) ASSERT_EQ(cfg->lpmPrefix(keyOf(i)), p);
+
+  Ptr<LpmPrefixV4> kept = cfg->newLpmPrefix(keyOf(5000));
+  cfg->requestIs(kept, NextHopBlock(3, 1));
+  cfg->lpmPrefixDel(keyOf(5000));
+  EXPECT_FALSE(cfg->lpmPrefix(keyOf(5000)));
+  EXPECT_EQ(cfg->newLpmPrefix(keyOf(5000)), kept);
+  cfg->lpmPrefixDelAll();
+  EXPECT_EQ(cfg->lpmPrefixs(), 0u);
+  EXPECT_EQ(cfg->newLpmPrefix(keyOf(5000)), kept);
+}
+
 TEST(ConfigTest, BadMutationsThrow) {
   Ptr<ConfigV4> v4 = configV4Factory("v4");
   Ptr<ConfigV6> v6 = configV6Factory("v6");
