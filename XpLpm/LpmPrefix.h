@@ -10,6 +10,7 @@
 #include "platform/HashMap.h"
 #include "platform/IpPrefix.h"
 #include "platform/LinkQueue.h"
+#include "platform/ObjectPool.h"
 #include "platform/Ptr.h"
 
 namespace XpLib {
@@ -104,6 +105,10 @@ class LpmPrefixV4 : public LpmPrefix {
  public:
   using KeyMap = HashMap<VrfAndPrefix, bool>;
 
+  // One per route: from the pool, not the general heap.
+  static void* operator new(std::size_t) { return ObjectPool<sizeof(LpmPrefixV4)>::allocate(); }
+  static void operator delete(void* p) { ObjectPool<sizeof(LpmPrefixV4)>::release(p); }
+
   explicit LpmPrefixV4(const VrfAndPrefix& key) : LpmPrefix(key.hash()), vrfAndPrefix_(key) {}
 
   U8 len() const override { return vrfAndPrefix_.prefix.len() + kVrfBits; }
@@ -164,6 +169,10 @@ class LpmPrefixV4 : public LpmPrefix {
 
 class LpmPrefixV6 : public LpmPrefix {
  public:
+  // One per route: from the pool, not the general heap.
+  static void* operator new(std::size_t) { return ObjectPool<sizeof(LpmPrefixV6)>::allocate(); }
+  static void operator delete(void* p) { ObjectPool<sizeof(LpmPrefixV6)>::release(p); }
+
   explicit LpmPrefixV6(const VrfAndIp6Prefix& key) : LpmPrefix(key.hash()), vrfAndIp6Prefix_(key) {}
 
   U8 len() const override { return vrfAndIp6Prefix_.prefix.len() + kVrfBits; }

@@ -1,0 +1,75 @@
+// ObjectPool: storage for the objects a model holds one of per route.
+//
+// A million small objects from the general heap cost a header and rounding each
+// (96 bytes take a 112-byte chunk) and a trip through the allocator per route.
+// The pool carves them out of 64 KiB chunks and keeps freed ones on a list for
+// the next: a route table grows and shrinks around a steady size, so the chunks
+// are kept, not returned. Single-threaded like the rest of the model; under the
+// sanitizers every object comes from the heap, so that they still see each
+// object's lifetime.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define XPLPM_POOL_OFF 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define XPLPM_POOL_OFF 1
+#endif
+#endif
+
+namespace XpLib {
+
+template <std::size_t kSize>
+class ObjectPool {
+  static_assert(kSize % alignof(std::max_align_t) == 0, "every object of the pool is aligned as the heap's are");
+
+ public:
+  static void* allocate() {
+#ifdef XPLPM_POOL_OFF
+    return ::operator new(kSize);
+#else
+    ObjectPool& p = instance();
+    if (!p.free_) p.refill();
+    Free* f = p.free_;
+    p.free_ = f->next;
+    return f;
+#endif
+  }
+  static void release(void* object) {
+#ifdef XPLPM_POOL_OFF
+    ::operator delete(object);
+#else
+    ObjectPool& p = instance();
+    p.free_ = new (object) Free{p.free_};
+#endif
+  }
+
+ private:
+  struct Free {
+    Free* next;
+  };
+  static constexpr std::size_t kChunkBytes = 64 * 1024;
+
+  static ObjectPool& instance() {
+    // Never destroyed: objects may be released while other statics go away at exit.
+    static ObjectPool* pool = new ObjectPool;
+    return *pool;
+  }
+
+  // Chained in address order, so that objects made one after another sit side by side.
+  void refill() {
+    chunks_.push_back(std::make_unique<std::byte[]>(kChunkBytes));
+    std::byte* base = chunks_.back().get();
+    for (std::size_t i = kChunkBytes / kSize; i-- > 0;) free_ = new (base + i * kSize) Free{free_};
+  }
+
+  Free* free_ = nullptr;
+  std::vector<std::unique_ptr<std::byte[]>> chunks_;
+};
+
+}  // namespace XpLib
