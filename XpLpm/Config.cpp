@@ -250,18 +250,19 @@ void LpmPrefixObjects<K, P>::erase(const K& key) {
 
 template <class K, class P>
 void LpmPrefixObjects<K, P>::clear() {
-  for (U32 i = 0; i < slots_.size() && count_ > 0;) {
-    if (!slots_[i]) {
-      ++i;
-      continue;
-    }
-    // Removing may shift a later entry into this slot: look at it again.
-    const Ptr<P> held(slots_[i]);
-    remove(i);
+  std::vector<P*> slots;
+  slots.swap(slots_);
+  count_ = 0;
+  // Let go in a scrambled slot order: in slot order the keys would come in hash order, and
+  // filling the dropped map's smaller table in hash order piles them into one long probe run.
+  const U32 mask = static_cast<U32>(slots.size() - 1);
+  for (U32 n = 0; n < slots.size(); ++n) {
+    P* p = slots[(n * 0x9E3779B1u) & mask];
+    if (!p) continue;
+    const Ptr<P> held(p);
+    p->deleteRef();
     release(held, keyOf(*held));
   }
-  slots_.clear();
-  slots_.shrink_to_fit();
 }
 
 template <class K, class P>

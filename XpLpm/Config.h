@@ -156,7 +156,11 @@ class LpmPrefixObjects {
   LpmPrefixObjects();
   LpmPrefixObjects(const LpmPrefixObjects&) = delete;
   LpmPrefixObjects& operator=(const LpmPrefixObjects&) = delete;
-  ~LpmPrefixObjects() { clear(); }
+  // The objects stay what they are for whoever still holds them.
+  ~LpmPrefixObjects() {
+    for (P* p : slots_)
+      if (p) p->deleteRef();
+  }
 
   U32 size() const { return count_; }
   Ptr<P> get(const K& key) const {
