@@ -252,6 +252,8 @@ template <class K, class P>
 void LpmPrefixObjects<K, P>::clear() {
   std::vector<P*> slots;
   slots.swap(slots_);
+  tags_.clear();
+  tags_.shrink_to_fit();
   count_ = 0;
   // Let go in a scrambled slot order: in slot order the keys would come in hash order, and
   // filling the dropped map's smaller table in hash order piles them into one long probe run.
@@ -270,10 +272,11 @@ U32 LpmPrefixObjects<K, P>::locate(const K& key) const {
   if (slots_.empty()) return kNone;
   const U32 mask = static_cast<U32>(slots_.size() - 1);
   const U32 h = key.hash();
+  const U16 tag = tagOf(h);
   for (U32 i = h & mask;; i = (i + 1) & mask) {
-    const P* p = slots_[i];
-    if (!p) return kNone;
-    if (p->keyHash() == h && keyOf(*p) == key) return i;
+    const U16 t = tags_[i];
+    if (t == 0) return kNone;
+    if (t == tag && slots_[i]->keyHash() == h && keyOf(*slots_[i]) == key) return i;
   }
 }
 
@@ -283,8 +286,9 @@ void LpmPrefixObjects<K, P>::insert(P* p) {
   if (4 * (count_ + 1) > 3 * slots_.size()) grow();
   const U32 mask = static_cast<U32>(slots_.size() - 1);
   U32 i = p->keyHash() & mask;
-  while (slots_[i]) i = (i + 1) & mask;
+  while (tags_[i]) i = (i + 1) & mask;
   slots_[i] = p;
+  tags_[i] = tagOf(p->keyHash());
   p->newRef();
   ++count_;
 }
@@ -293,12 +297,14 @@ template <class K, class P>
 void LpmPrefixObjects<K, P>::grow() {
   std::vector<P*> old(slots_.empty() ? 16 : 2 * slots_.size(), nullptr);
   old.swap(slots_);
+  tags_.assign(slots_.size(), 0);
   const U32 mask = static_cast<U32>(slots_.size() - 1);
   for (P* p : old) {
     if (!p) continue;
     U32 i = p->keyHash() & mask;
-    while (slots_[i]) i = (i + 1) & mask;
+    while (tags_[i]) i = (i + 1) & mask;
     slots_[i] = p;
+    tags_[i] = tagOf(p->keyHash());
   }
 }
 
@@ -307,14 +313,16 @@ template <class K, class P>
 void LpmPrefixObjects<K, P>::remove(U32 hole) {
   P* gone = slots_[hole];
   const U32 mask = static_cast<U32>(slots_.size() - 1);
-  for (U32 i = (hole + 1) & mask; slots_[i]; i = (i + 1) & mask) {
+  for (U32 i = (hole + 1) & mask; tags_[i]; i = (i + 1) & mask) {
     const U32 home = slots_[i]->keyHash() & mask;
     if (((i - home) & mask) >= ((i - hole) & mask)) {
       slots_[hole] = slots_[i];
+      tags_[hole] = tags_[i];
       hole = i;
     }
   }
   slots_[hole] = nullptr;
+  tags_[hole] = 0;
   --count_;
   gone->deleteRef();
 }
