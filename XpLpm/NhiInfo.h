@@ -2,9 +2,10 @@
 // the shared block that sub-tries with equal keys use together (NhiInfo).
 #pragma once
 
+#include <algorithm>
 #include <string>
+#include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "XpLpm/XpLpmTypes.h"
 #include "XpLpmNextHop/XpLpmNextHop.h"
@@ -19,13 +20,14 @@ using XpLpmNextHop::NextHopBlock;
 //
 // Every shared block holds its key three times (the sub-trie's, the sharing
 // map's and the record's), so copies share one immutable representation and a
-// change copies it first. The representation also keeps its hashes: a fast one that
-// the sharing map and equality use on every lookup, and the documented one, computed
-// only when asked for (diagnostics print it).
+// change copies it first. The representation is one allocation, the entries
+// following its header, and keeps its hashes: a fast one that the sharing map and
+// equality use on every lookup, and the documented one, computed only when asked
+// for (diagnostics print it).
 class NhiInfoKey {
  public:
   using Entry = std::pair<U8, NextHopBlock>;
-  using const_iterator = std::vector<Entry>::const_iterator;
+  using const_iterator = const Entry*;
 
   NhiInfoKey() = default;
 
@@ -35,9 +37,9 @@ class NhiInfoKey {
   void slotToNextHopBlockDelAll() { rep_ = nullptr; }
   // The block of `slot`, or the default block.
   NextHopBlock slotToNextHopBlock(U8 slot) const;
-  U32 slotToNextHopBlocks() const { return rep_ ? static_cast<U32>(rep_->entries.size()) : 0; }
-  const_iterator begin() const { return entries().begin(); }
-  const_iterator end() const { return entries().end(); }
+  U32 slotToNextHopBlocks() const { return rep_ ? rep_->size : 0; }
+  const_iterator begin() const { return rep_ ? rep_->entries() : nullptr; }
+  const_iterator end() const { return rep_ ? rep_->entries() + rep_->size : nullptr; }
   // Room for n entries, for a caller that knows how many it will add.
   void reserve(U32 n);
 
@@ -51,25 +53,31 @@ class NhiInfoKey {
   U32 mapHash() const;
 
   bool operator==(const NhiInfoKey& o) const {
-    return rep_ == o.rep_ || (mapHash() == o.mapHash() && entries() == o.entries());
+    return rep_ == o.rep_ || (mapHash() == o.mapHash() && std::equal(begin(), end(), o.begin(), o.end()));
   }
   bool operator!=(const NhiInfoKey& o) const { return !(*this == o); }
   // Lexicographic over the entries in slot order.
-  bool operator<(const NhiInfoKey& o) const { return entries() < o.entries(); }
+  bool operator<(const NhiInfoKey& o) const { return std::lexicographical_compare(begin(), end(), o.begin(), o.end()); }
 
   // Heap bytes of the representation, shared among the copies.
-  std::size_t heapBytes() const { return rep_ ? sizeof(Rep) + rep_->entries.capacity() * sizeof(Entry) : 0; }
+  std::size_t heapBytes() const { return rep_ ? sizeof(Rep) + rep_->capacity * sizeof(Entry) : 0; }
 
  private:
   struct Rep : PtrInterface {
-    std::vector<Entry> entries;
     mutable U32 hash = 0, mapHash = 0;
+    U16 size = 0, capacity = 0;
     mutable bool hashValid = false, mapHashValid = false;
-  };
 
-  const std::vector<Entry>& entries() const;
-  // The representation, unshared, for a change.
-  Rep& mutableRep();
+    Entry* entries() { return reinterpret_cast<Entry*>(this + 1); }
+    const Entry* entries() const { return reinterpret_cast<const Entry*>(this + 1); }
+    // A representation with room for `capacity` entries after its header.
+    static Ptr<Rep> make(U32 capacity);
+    static void operator delete(void* p) { ::operator delete(p); }
+  };
+  static_assert(std::is_trivially_destructible_v<Entry> && sizeof(Rep) % alignof(Entry) == 0);
+
+  // The representation, unshared and with room for `more` further entries, for a change.
+  Rep& mutableRep(U32 more);
 
   Ptr<Rep> rep_;
 };

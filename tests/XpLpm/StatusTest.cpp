@@ -215,6 +215,17 @@ TEST(NhiInfoKeyTest, HashAndTextMatchTheByteStream) {
     changed.slotToNextHopBlockIs(slot, NextHopBlock(block.base().value() + 1, block.size().value()));
     ASSERT_NE(changed, key);
     ASSERT_NE(changed.hash(), key.hash());
+
+    // A copy without one slot equals the key built without it, and the original is untouched.
+    NhiInfoKey smaller = key, rebuilt;
+    smaller.slotToNextHopBlockDel(slot);
+    for (const auto& [s, b] : entries)
+      if (s != slot) rebuilt.newSlotToNextHopBlock(s, b);
+    ASSERT_EQ(smaller, rebuilt);
+    ASSERT_EQ(smaller.slotToNextHopBlocks(), entries.size() - 1);
+    ASSERT_EQ(smaller.slotToNextHopBlock(slot), NextHopBlock());
+    ASSERT_EQ(key.hash(), expected);
+    ASSERT_EQ(key.slotToNextHopBlock(slot), block);
   }
 }
 
