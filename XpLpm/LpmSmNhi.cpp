@@ -237,15 +237,16 @@ void LpmSm::releaseNhiInfo(const Ptr<SubTrie>& subTrie) {
     XP_TRACE(7, "LpmSm::releaseNhiInfo nhiInfoKey not present ");
     return;
   }
-  XP_ASSERT_TEXT_V(sharedNhi_.contains(nhiInfoKey), "sharedNhiIterator().isMemberOf( nhiInfoKey )",
-                   " subtrie " << *subTrie);
-  Ptr<NhiInfo> nhiInfo = sharedNhi(nhiInfoKey);
+  // One probe of each map, for its check and its value.
+  const Ptr<NhiInfo>* shared = sharedNhi_.find(nhiInfoKey);
+  XP_ASSERT_TEXT_V(shared, "sharedNhiIterator().isMemberOf( nhiInfoKey )", " subtrie " << *subTrie);
+  Ptr<NhiInfo> nhiInfo = *shared;
   XP_ASSERT_V(nhiInfo, " subtrie " << *subTrie);
   const NhiTableIdx nhiBaseIdx = nhiInfo->nhiBaseIdx();
-  XP_ASSERT_TEXT_V(nhiBaseIdxToSubTrie_.contains(nhiBaseIdx), "nhiBaseIdxToSubTrieIterator().isMemberOf( nhiBaseIdx )",
-                   " subtrie " << *subTrie);
+  const Ptr<SubTrieSet>* users = nhiBaseIdxToSubTrie_.find(nhiBaseIdx);
+  XP_ASSERT_TEXT_V(users, "nhiBaseIdxToSubTrieIterator().isMemberOf( nhiBaseIdx )", " subtrie " << *subTrie);
   XP_ASSERT_V(subTrie->nhiBaseIdx() == nhiInfo->nhiBaseIdx(), " subtrie " << *subTrie << " nhiInfo " << nhiInfo->str());
-  Ptr<SubTrieSet> subTrieSet = nhiBaseIdxToSubTrie(nhiBaseIdx);
+  Ptr<SubTrieSet> subTrieSet = *users;
   XP_ASSERT_V(subTrieSet, " subtrie " << *subTrie);
   XP_ASSERT_TEXT_V(subTrieSet->subTrie(subTrie), "subTrieSet->subTrieIterator().isMemberOf( subTrie )",
                    " subtrie " << *subTrie);
