@@ -183,7 +183,8 @@ Ptr<NhiInfo> LpmSm::sharedNhiIs(const NhiInfoKey& key) {
 
 NhiInfoKey LpmSm::generateNhiInfoKey(const Ptr<SubTrie>& subTrie) const {
   XP_TRACE(7, "LpmSm::generateNhiInfoKey subtrie " << *subTrie);
-  NhiInfoKey key;
+  NhiInfoKey& key = keyScratch_;
+  key.clearKeepingRoom();
   if (subTrie->numPrefixes()) key.reserve(subTrie->numPrefixes());
   const auto& slots = subTrie->slots();
   for (std::size_t s = 0; s < slots.size(); ++s)

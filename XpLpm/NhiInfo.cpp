@@ -35,6 +35,16 @@ NhiInfoKey::Rep& NhiInfoKey::mutableRep(U32 more) {
   return *rep_;
 }
 
+void NhiInfoKey::clearKeepingRoom() {
+  if (!rep_ || rep_->references() > 1) {
+    rep_ = nullptr;
+    return;
+  }
+  rep_->size = 0;
+  rep_->hashValid = false;
+  rep_->mapHashValid = false;
+}
+
 void NhiInfoKey::reserve(U32 n) {
   const U32 size = slotToNextHopBlocks();
   if (n > size && (!rep_ || n > rep_->capacity)) mutableRep(n - size);

@@ -35,6 +35,8 @@ class NhiInfoKey {
   void slotToNextHopBlockIs(U8 slot, const NextHopBlock& block) { newSlotToNextHopBlock(slot, block); }
   void slotToNextHopBlockDel(U8 slot);
   void slotToNextHopBlockDelAll() { rep_ = nullptr; }
+  // Empties the key, keeping its room when no copy shares it.
+  void clearKeepingRoom();
   // The block of `slot`, or the default block.
   NextHopBlock slotToNextHopBlock(U8 slot) const;
   U32 slotToNextHopBlocks() const { return rep_ ? rep_->size : 0; }

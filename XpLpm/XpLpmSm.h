@@ -233,6 +233,9 @@ class LpmSm : public PtrInterface {
   bool initialized_ = false;
   U64 nhiSharedDeleteNeed_ = 0;
   RouteReturnCode lastInsertReturnCode_ = pass;
+  // Where keys are built: most keys built are compared and dropped, or replaced by the shared
+  // record's, so the representation is free again at the next build and nothing is allocated.
+  mutable NhiInfoKey keyScratch_;
 };
 
 // Creates, starts and activates a state machine.
