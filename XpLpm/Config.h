@@ -189,9 +189,9 @@ class LpmPrefixObjects {
   void remove(U32 at);
   void grow();
 
-  U32 domain_;
   static U16 tagOf(U32 hash) { return static_cast<U16>(hash >> 16 | 1); }
 
+  U32 domain_;
   std::vector<P*> slots_;
   std::vector<U16> tags_;
   U32 count_ = 0;
