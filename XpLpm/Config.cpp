@@ -272,9 +272,9 @@ U32 LpmPrefixObjects<K, P>::locate(const K& key) const {
   if (slots_.empty()) return kNone;
   const U32 mask = static_cast<U32>(slots_.size() - 1);
   const U32 h = key.hash();
-  const U16 tag = tagOf(h);
+  const U32 tag = tagOf(h);
   for (U32 i = h & mask;; i = (i + 1) & mask) {
-    const U16 t = tags_[i];
+    const U32 t = tags_[i];
     if (t == 0) return kNone;
     if (t == tag && slots_[i]->keyHash() == h && keyOf(*slots_[i]) == key) return i;
   }
@@ -295,16 +295,17 @@ void LpmPrefixObjects<K, P>::insert(P* p) {
 
 template <class K, class P>
 void LpmPrefixObjects<K, P>::grow() {
-  std::vector<P*> old(slots_.empty() ? 16 : 2 * slots_.size(), nullptr);
-  old.swap(slots_);
-  tags_.assign(slots_.size(), 0);
+  std::vector<P*> oldSlots(slots_.empty() ? 16 : 2 * slots_.size(), nullptr);
+  std::vector<U32> oldTags(oldSlots.size(), 0);
+  oldSlots.swap(slots_);
+  oldTags.swap(tags_);
   const U32 mask = static_cast<U32>(slots_.size() - 1);
-  for (P* p : old) {
-    if (!p) continue;
-    U32 i = p->keyHash() & mask;
+  for (U32 n = 0; n < oldSlots.size(); ++n) {
+    if (!oldTags[n]) continue;
+    U32 i = oldTags[n] & mask;
     while (tags_[i]) i = (i + 1) & mask;
-    slots_[i] = p;
-    tags_[i] = tagOf(p->keyHash());
+    slots_[i] = oldSlots[n];
+    tags_[i] = oldTags[n];
   }
 }
 
@@ -314,7 +315,7 @@ void LpmPrefixObjects<K, P>::remove(U32 hole) {
   P* gone = slots_[hole];
   const U32 mask = static_cast<U32>(slots_.size() - 1);
   for (U32 i = (hole + 1) & mask; tags_[i]; i = (i + 1) & mask) {
-    const U32 home = slots_[i]->keyHash() & mask;
+    const U32 home = tags_[i] & mask;
     if (((i - home) & mask) >= ((i - hole) & mask)) {
       slots_[hole] = slots_[i];
       tags_[hole] = tags_[i];

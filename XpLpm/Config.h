@@ -182,18 +182,18 @@ class LpmPrefixObjects {
 
   // The index: open addressing over the objects themselves, which hold their key and its hash,
   // so that an entry costs one pointer rather than a copy of the key beside it. Each slot holds
-  // a reference. Beside each slot, 16 bits of its hash (0 when empty): a new route's probe ends
-  // without reading a single object.
+  // a reference. Beside each slot, its hash with the top bit set (0 when empty): a new route's
+  // probe, growing and removing then read no object.
   U32 locate(const K& key) const;
   void insert(P* p);
   void remove(U32 at);
   void grow();
 
-  static U16 tagOf(U32 hash) { return static_cast<U16>(hash >> 16 | 1); }
+  static U32 tagOf(U32 hash) { return hash | 0x80000000u; }
 
   U32 domain_;
   std::vector<P*> slots_;
-  std::vector<U16> tags_;
+  std::vector<U32> tags_;
   U32 count_ = 0;
   HashMap<K, Ptr<P>> dropped_;
   U32 droppedAtPrune_ = 0;
