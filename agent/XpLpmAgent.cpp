@@ -269,7 +269,7 @@ XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& want
   for (const Route& r : wanted) {
     Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
     const NextHopBlock before = family(r.ipv6).config->request(prefix);
-    routeIs(r);
+    routeIs(r, prefix);
     named.set(groupOf(r), true);
     const NextHopBlock after = family(r.ipv6).config->request(prefix);
     if (before == NextHopBlock()) {
@@ -624,8 +624,7 @@ Ptr<XpLpm::LpmPrefix> XpLpmAgent::findPrefix(const Route& r) const {
   return configV4_->lpmPrefix(VrfAndPrefix{r.vrf, r.v4});
 }
 
-RouteResult XpLpmAgent::routeIs(const Route& r) {
-  Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
+RouteResult XpLpmAgent::routeIs(const Route& r, const Ptr<XpLpm::LpmPrefix>& prefix) {
   const SwId group = groupOf(r);
   if (isWanted(prefix) && recordGroup(prefix) != group) leaveGroup(prefix);
   if (!isWanted(prefix)) joinGroup(prefix, group);

@@ -204,7 +204,9 @@ class XpLpmAgent {
   // The same without creating it: null for a key the agent never requested.
   Ptr<XpLpm::LpmPrefix> findPrefix(const Route& r) const;
   // Requests the route (or changes its next hop) and writes the chip; answers what became of it.
-  RouteResult routeIs(const Route& r);
+  RouteResult routeIs(const Route& r) { return routeIs(r, prefixOf(r)); }
+  // The same for a caller that already holds the route's prefix object.
+  RouteResult routeIs(const Route& r, const Ptr<XpLpm::LpmPrefix>& prefix);
   // What became of a wanted route at its last request or re-pointing; for a route the agent
   // was never asked for, lpmRefused with `fail`.
   RouteResult routeState(const Route& r) const;
