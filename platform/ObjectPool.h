@@ -4,9 +4,9 @@
 // (96 bytes take a 112-byte chunk) and a trip through the allocator per route.
 // The pool carves them out of 64 KiB chunks and keeps freed ones on a list for
 // the next: a route table grows and shrinks around a steady size, so the chunks
-// are kept, not returned. Single-threaded like the rest of the model; under the
-// sanitizers every object comes from the heap, so that they still see each
-// object's lifetime.
+// are kept, not returned. Single-threaded like the rest of the model: a build
+// with thread-safe pointers takes every object from the heap, and so do the
+// sanitizer builds, so that they still see each object's lifetime.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 #include <new>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(XPLPM_THREADSAFE_PTR)
 #define XPLPM_POOL_OFF 1
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)

@@ -77,7 +77,9 @@ TEST(ConfigTest, ObjectsSurviveChurnAndComeBackWhileKept) {
     const U32 i = rng() % 3000;
     if (rng() % 3) {
       Ptr<LpmPrefixV4> p = cfg->newLpmPrefix(keyOf(i));
-      if (ref.count(i)) ASSERT_EQ(p, ref[i]) << step;
+      if (ref.count(i)) {
+        ASSERT_EQ(p, ref[i]) << step;
+      }
       ref[i] = p;
     } else {
       cfg->lpmPrefixDel(keyOf(i));
