@@ -24,7 +24,7 @@ NhiInfoKey::Rep& NhiInfoKey::mutableRep(U32 more) {
   const U32 size = slotToNextHopBlocks();
   if (!rep_ || rep_->references() > 1 || size + more > rep_->capacity) {
     // A key is built one slot at a time: grow by half, and by at least four.
-    const U32 room = rep_ && rep_->references() == 1 ? std::max(size + more, size + std::max(size / 2, 4u)) : size + more;
+    const U32 room = size + (rep_ && rep_->references() == 1 ? std::max({more, size / 2, 4u}) : more);
     Ptr<Rep> copy = Rep::make(std::max(room, 1u));
     if (size) std::copy(begin(), end(), copy->entries());
     copy->size = static_cast<U16>(size);

@@ -21,7 +21,7 @@ namespace {
 // n-th power: most of a prefix entry is empty slots.
 class Digest {
  public:
-  static constexpr U64 kPrime = 0x100000001b3ull;
+  static constexpr U64 kPrime = kFnv1aPrime;
 
   explicit Digest(U64& d) : d_(d) {}
   template <class T>

@@ -26,6 +26,7 @@
 #include "XpLpm/Config.h"
 #include "XpLpm/Status.h"
 #include "agent/SampledTimer.h"
+#include "platform/Hash.h"
 #include "xdk/xpIpRouteLpmMgr.h"
 
 namespace XpLib {
@@ -52,7 +53,7 @@ struct HwWriterCounters {
   U64 compactionDrains = 0;
   // FNV-1a over every command's target and entry image, in queue order: equal
   // command streams give equal digests.
-  U64 digest = 0xcbf29ce484222325ull;
+  U64 digest = kFnv1aOffset;
 
   U64 writes() const { return prefixWrites + nhiWrites + stagingWrites; }
   U64 skipped() const { return prefixSkipped + nhiSkipped; }

@@ -25,12 +25,15 @@ constexpr U32 hashMix(U64 x) {
 // Combines a running hash with one more hashed field.
 constexpr U32 hashCombine(U32 seed, U32 h) { return hashMix((static_cast<U64>(seed) << 32) | h); }
 
-// 64-bit FNV-1a over bytes: a fixed, documented value for checksums and ids kept outside the process.
+// 64-bit FNV-1a: a fixed, documented value for checksums and ids kept outside the process.
+inline constexpr U64 kFnv1aOffset = 0xcbf29ce484222325ull;
+inline constexpr U64 kFnv1aPrime = 0x100000001b3ull;
+
 constexpr U64 fnv1a(std::string_view bytes) {
-  U64 h = 0xcbf29ce484222325ull;
+  U64 h = kFnv1aOffset;
   for (unsigned char c : bytes) {
     h ^= c;
-    h *= 0x100000001b3ull;
+    h *= kFnv1aPrime;
   }
   return h;
 }

@@ -12,6 +12,7 @@
 #include "Errors.h"
 #include "Yardstick.h"
 #include "agent/Forwarding.h"
+#include "platform/Hash.h"
 
 namespace xplpm {
 
@@ -240,10 +241,10 @@ void Session::verify(const std::vector<Route>& routes) {
 }
 
 U64 Session::digest() const {
-  U64 d = 0xcbf29ce484222325ull;
+  U64 d = XpLib::kFnv1aOffset;
   for (bool v6 : {false, true}) {
     d ^= agent_->family(v6).writer->counters().digest;
-    d *= 0x100000001b3ull;
+    d *= XpLib::kFnv1aPrime;
   }
   return d;
 }
