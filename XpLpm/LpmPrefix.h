@@ -106,8 +106,8 @@ class LpmPrefixV4 : public LpmPrefix {
   using KeyMap = HashMap<VrfAndPrefix, bool>;
 
   // One per route: from the pool, not the general heap.
-  static void* operator new(std::size_t) { return ObjectPool<sizeof(LpmPrefixV4)>::allocate(); }
-  static void operator delete(void* p) { ObjectPool<sizeof(LpmPrefixV4)>::release(p); }
+  static void* operator new(std::size_t) { return PoolOf<LpmPrefixV4>::allocate(); }
+  static void operator delete(void* p) { PoolOf<LpmPrefixV4>::release(p); }
 
   explicit LpmPrefixV4(const VrfAndPrefix& key) : LpmPrefix(key.hash()), vrfAndPrefix_(key) {}
 
@@ -170,8 +170,8 @@ class LpmPrefixV4 : public LpmPrefix {
 class LpmPrefixV6 : public LpmPrefix {
  public:
   // One per route: from the pool, not the general heap.
-  static void* operator new(std::size_t) { return ObjectPool<sizeof(LpmPrefixV6)>::allocate(); }
-  static void operator delete(void* p) { ObjectPool<sizeof(LpmPrefixV6)>::release(p); }
+  static void* operator new(std::size_t) { return PoolOf<LpmPrefixV6>::allocate(); }
+  static void operator delete(void* p) { PoolOf<LpmPrefixV6>::release(p); }
 
   explicit LpmPrefixV6(const VrfAndIp6Prefix& key) : LpmPrefix(key.hash()), vrfAndIp6Prefix_(key) {}
 
@@ -195,7 +195,9 @@ Ptr<LpmPrefixV6> lpmPrefixV6Factory(const VrfAndIp6Prefix& key);
 // The prefixes of one prefix-table write, in slot order: list index = slot.
 class LpmPrefixList {
  public:
-  using const_iterator = LinkQueue<Ptr<LpmPrefix>>::const_iterator;
+  // The most slots a wide entry holds: a list that long still needs no heap memory.
+  static constexpr U32 kInlineSlots = 27;
+  using const_iterator = LinkQueue<Ptr<LpmPrefix>, kInlineSlots>::const_iterator;
 
   void newPrefix(U32 index, const Ptr<LpmPrefix>& p) { q_.insert(index, p); }
   void prefixDel(U32 index) { q_.erase(index); }
@@ -215,7 +217,7 @@ class LpmPrefixList {
   bool operator!=(const LpmPrefixList& o) const { return !(*this == o); }
 
  private:
-  LinkQueue<Ptr<LpmPrefix>> q_;
+  LinkQueue<Ptr<LpmPrefix>, kInlineSlots> q_;
 };
 
 }  // namespace XpLpm

@@ -1,6 +1,7 @@
 // Write command generation: a sub-trie becomes NHI writes and a prefix-table
 // write on the Status queue, in the order the hardware must see them.
 #include <bit>
+#include <utility>
 
 #include "XpLpm/XpLpmSm.h"
 #include "platform/Assert.h"
@@ -53,7 +54,7 @@ void LpmSm::generateNhiWriteCmds(const Ptr<SubTrie>& subTrie) {
       XP_TRACE_ON(4, "LpmSm::generateNhiWriteCmds  enqueue nhi cmd nhiBaseIdx " << index << " nhBlockLists "
                                                                                << list.str());
     }
-    enqueue(nhiCommandFactory(index, list));
+    enqueue(nhiCommandFactory(index, std::move(list)));
   }
 }
 
@@ -68,7 +69,7 @@ void LpmSm::generatePrefixTableWriteCmds(const Ptr<SubTrie>& subTrie) {
     list.newPrefix(slot, p);
   }
   enqueue(prefixCommandFactory(subTrie->table()->tableId(), subTrie->index(), subTrie->branch(), subTrie->branchLen(),
-                               subTrie->stride(), subTrie->mode(), list, subTrie->nhiBaseIdx()));
+                               subTrie->stride(), subTrie->mode(), std::move(list), subTrie->nhiBaseIdx()));
 }
 
 // A vacated entry is written with the sub-trie's shape and every slot empty.
@@ -79,7 +80,7 @@ void LpmSm::generatePrefixTableIdxDeleteWriteCmd(const Ptr<PrefixTable>& prefixT
   LpmPrefixList list;
   for (U32 slot = 0; slot < subTrie->maxPrefixSlot(); ++slot) list.newPrefix(slot, Ptr<LpmPrefix>());
   enqueue(prefixCommandFactory(prefixTable->tableId(), idx, subTrie->branch(), subTrie->branchLen(), subTrie->stride(),
-                               subTrie->mode(), list, subTrie->nhiBaseIdx()));
+                               subTrie->mode(), std::move(list), subTrie->nhiBaseIdx()));
 }
 
 // The leaf holds the prefix bits below the branch behind a marker 1 bit, whose

@@ -5,13 +5,13 @@ namespace XpLib {
 namespace XpLpm {
 
 Ptr<PrefixCommand> prefixCommandFactory(PrefixTableId tableId, PrefixTableIdx index, const SubTrieBranch& branch,
-                                        U8 branchLen, U8 stride, SubTrieMode mode, const LpmPrefixList& prefixList,
+                                        U8 branchLen, U8 stride, SubTrieMode mode, LpmPrefixList prefixList,
                                         const NhiTableIdx& nhiBaseIdx) {
-  return makePtr<PrefixCommand>(tableId, index, branch, branchLen, stride, mode, prefixList, nhiBaseIdx);
+  return makePtr<PrefixCommand>(tableId, index, branch, branchLen, stride, mode, std::move(prefixList), nhiBaseIdx);
 }
 
-Ptr<NhiCommand> nhiCommandFactory(const NhiTableIdx& index, const NextHopBlockList& list) {
-  return makePtr<NhiCommand>(index, list);
+Ptr<NhiCommand> nhiCommandFactory(const NhiTableIdx& index, NextHopBlockList list) {
+  return makePtr<NhiCommand>(index, std::move(list));
 }
 
 U32 Status::pendingCmdEnq(const Ptr<CommandBase>& cmd) {

@@ -3,12 +3,14 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "XpLpm/LpmPrefix.h"
 #include "XpLpm/LpmPrefixRecordMap.h"
 #include "XpLpm/XpLpmTypes.h"
 #include "platform/LinkQueue.h"
 #include "platform/Notifier.h"
+#include "platform/ObjectPool.h"
 #include "platform/Ptr.h"
 
 namespace XpLib {
@@ -29,7 +31,7 @@ class CommandBase : public PtrInterface {
 class PrefixCommand : public CommandBase {
  public:
   PrefixCommand(PrefixTableId tableId, PrefixTableIdx index, const SubTrieBranch& branch, U8 branchLen, U8 stride,
-                SubTrieMode mode, const LpmPrefixList& prefixList, const NhiTableIdx& nhiBaseIdx)
+                SubTrieMode mode, LpmPrefixList prefixList, const NhiTableIdx& nhiBaseIdx)
       : CommandBase(commandTypePrefix),
         tableId_(tableId),
         index_(index),
@@ -37,7 +39,7 @@ class PrefixCommand : public CommandBase {
         branchLen_(branchLen),
         stride_(stride),
         mode_(mode),
-        prefixList_(prefixList),
+        prefixList_(std::move(prefixList)),
         nhiBaseIdx_(nhiBaseIdx) {}
 
   PrefixTableId tableId() const { return tableId_; }
@@ -49,6 +51,10 @@ class PrefixCommand : public CommandBase {
   // The entry's prefixes in slot order: list index = slot.
   const LpmPrefixList& prefixList() const { return prefixList_; }
   const NhiTableIdx& nhiBaseIdx() const { return nhiBaseIdx_; }
+
+  // Commands are made and dropped by the million, each read once by the writer.
+  static void* operator new(std::size_t) { return PoolOf<PrefixCommand>::allocate(); }
+  static void operator delete(void* p) { PoolOf<PrefixCommand>::release(p); }
 
  private:
   const PrefixTableId tableId_;
@@ -62,24 +68,27 @@ class PrefixCommand : public CommandBase {
 };
 
 Ptr<PrefixCommand> prefixCommandFactory(PrefixTableId tableId, PrefixTableIdx index, const SubTrieBranch& branch,
-                                        U8 branchLen, U8 stride, SubTrieMode mode, const LpmPrefixList& prefixList,
+                                        U8 branchLen, U8 stride, SubTrieMode mode, LpmPrefixList prefixList,
                                         const NhiTableIdx& nhiBaseIdx);
 
 // One NHI entry and the next-hop blocks to pack into it, in order.
 class NhiCommand : public CommandBase {
  public:
-  NhiCommand(const NhiTableIdx& index, const NextHopBlockList& list)
-      : CommandBase(commandTypeNhi), index_(index), nextHopBlockList_(list) {}
+  NhiCommand(const NhiTableIdx& index, NextHopBlockList list)
+      : CommandBase(commandTypeNhi), index_(index), nextHopBlockList_(std::move(list)) {}
 
   const NhiTableIdx& index() const { return index_; }
   const NextHopBlockList& nextHopBlockList() const { return nextHopBlockList_; }
+
+  static void* operator new(std::size_t) { return PoolOf<NhiCommand>::allocate(); }
+  static void operator delete(void* p) { PoolOf<NhiCommand>::release(p); }
 
  private:
   const NhiTableIdx index_;
   const NextHopBlockList nextHopBlockList_;
 };
 
-Ptr<NhiCommand> nhiCommandFactory(const NhiTableIdx& index, const NextHopBlockList& list);
+Ptr<NhiCommand> nhiCommandFactory(const NhiTableIdx& index, NextHopBlockList list);
 
 class Status : public PtrInterface {
  public:

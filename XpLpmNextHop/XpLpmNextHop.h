@@ -61,7 +61,9 @@ std::ostream& operator<<(std::ostream& os, const NextHopBlock& b);
 // An ordered list of blocks under running position indexes, as an NHI write carries it.
 class NextHopBlockList {
  public:
-  using const_iterator = LinkQueue<NextHopBlock>::const_iterator;
+  // The most pairs an NHI entry holds: a list that long still needs no heap memory.
+  static constexpr U32 kInlineBlocks = 10;
+  using const_iterator = LinkQueue<NextHopBlock, kInlineBlocks>::const_iterator;
 
   void newNextHopBlock(U32 index, const NextHopBlock& b) { q_.insert(index, b); }
   void nextHopBlockEnq(const NextHopBlock& b) { q_.enqRunning(b); }
@@ -86,7 +88,7 @@ class NextHopBlockList {
   bool operator!=(const NextHopBlockList& o) const { return !(*this == o); }
 
  private:
-  LinkQueue<NextHopBlock> q_;
+  LinkQueue<NextHopBlock, kInlineBlocks> q_;
 };
 
 // One relocation of a client's block by compaction.

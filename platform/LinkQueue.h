@@ -6,9 +6,11 @@
 #pragma once
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "platform/InlineVector.h"
 #include "platform/Types.h"
 
 namespace XpLib {
@@ -21,11 +23,14 @@ struct QueueMetadata {
   bool operator==(const QueueMetadata&) const = default;
 };
 
-template <class V>
+// kInline > 0 keeps that many entries inside the queue before it takes heap memory.
+template <class V, std::size_t kInline = 0>
 class LinkQueue {
  public:
   using value_type = std::pair<U32, V>;
-  using const_iterator = typename std::vector<value_type>::const_iterator;
+  using Storage =
+      std::conditional_t<kInline == 0, std::vector<value_type>, InlineVector<value_type, kInline>>;
+  using const_iterator = typename Storage::const_iterator;
 
   U32 size() const { return static_cast<U32>(items_.size() - first_); }
   bool empty() const { return first_ == items_.size(); }
@@ -121,7 +126,7 @@ class LinkQueue {
     items_.emplace_back(index, std::move(v));
   }
 
-  std::vector<value_type> items_;
+  Storage items_;
   std::size_t first_ = 0;
   QueueMetadata md_;
 };

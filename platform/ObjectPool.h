@@ -72,4 +72,9 @@ class ObjectPool {
   std::vector<std::unique_ptr<std::byte[]>> chunks_;
 };
 
+// The pool for objects of type T, whose size is rounded up to the heap's alignment.
+template <class T>
+using PoolOf = ObjectPool<(sizeof(T) + alignof(std::max_align_t) - 1) / alignof(std::max_align_t) *
+                          alignof(std::max_align_t)>;
+
 }  // namespace XpLib
