@@ -9,6 +9,7 @@
 
 #include "XpLpm/XpLpmTypes.h"
 #include "XpLpmNextHop/XpLpmNextHop.h"
+#include "platform/ObjectPool.h"
 #include "platform/Ptr.h"
 
 namespace XpLib {
@@ -101,6 +102,10 @@ class NhiInfo : public PtrInterface {
 
   // "<key>/<tile>,<offset>/<count>".
   std::string str() const;
+
+  // A sub-trie's record is made again on most of its changes: from the pool, not the heap.
+  static void* operator new(std::size_t) { return PoolOf<NhiInfo>::allocate(); }
+  static void operator delete(void* p) { PoolOf<NhiInfo>::release(p); }
 
  private:
   const NhiInfoKey nhiInfoKey_;

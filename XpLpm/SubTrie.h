@@ -17,6 +17,7 @@
 #include "XpLpm/XpLpmTypes.h"
 #include "platform/Bitmap.h"
 #include "platform/HashMap.h"
+#include "platform/ObjectPool.h"
 #include "platform/Ptr.h"
 
 namespace XpLib {
@@ -29,6 +30,10 @@ class SubTrie : public PtrInterface {
   SubTrie(PrefixTableIdx index, const SubTrieBranch& branch, U8 branchLen, U8 stride, SubTrieMode mode,
           PrefixTable* table)
       : index_(index), branch_(branch), branchLen_(branchLen), stride_(stride), mode_(mode), table_(table) {}
+
+  // One per prefix-table entry in use: from the pool, not the heap.
+  static void* operator new(std::size_t) { return PoolOf<SubTrie>::allocate(); }
+  static void operator delete(void* p) { PoolOf<SubTrie>::release(p); }
 
   PrefixTableIdx index() const { return index_; }
   void indexIs(PrefixTableIdx idx) { index_ = idx; }
@@ -136,6 +141,10 @@ class SubTrieSet : public PtrInterface {
   void subTrieDelAll() { set_.clear(); }
   Map::const_iterator begin() const { return set_.begin(); }
   Map::const_iterator end() const { return set_.end(); }
+
+  // Made and dropped with the NHI records: from the pool, not the heap.
+  static void* operator new(std::size_t) { return PoolOf<SubTrieSet>::allocate(); }
+  static void operator delete(void* p) { PoolOf<SubTrieSet>::release(p); }
 
  private:
   Map set_;

@@ -1,4 +1,5 @@
-// ObjectPool: storage for the objects a model holds one of per route.
+// ObjectPool: storage for the objects a model holds one of per route, sub-trie
+// or NHI block, or makes and drops by the million (write commands).
 //
 // A million small objects from the general heap cost a header and rounding each
 // (96 bytes take a 112-byte chunk) and a trip through the allocator per route.
@@ -24,9 +25,11 @@
 
 namespace XpLib {
 
+// Objects sit kSize bytes apart from a chunk start aligned as the heap's are, so an object whose
+// size is kSize is aligned as its type needs.
 template <std::size_t kSize>
 class ObjectPool {
-  static_assert(kSize % alignof(std::max_align_t) == 0, "every object of the pool is aligned as the heap's are");
+  static_assert(kSize >= sizeof(void*) && kSize % alignof(void*) == 0, "a free object holds the list's link");
 
  public:
   static void* allocate() {
@@ -72,9 +75,9 @@ class ObjectPool {
   std::vector<std::unique_ptr<std::byte[]>> chunks_;
 };
 
-// The pool for objects of type T, whose size is rounded up to the heap's alignment.
+// The pool for objects of type T: types of one size share it.
 template <class T>
-using PoolOf = ObjectPool<(sizeof(T) + alignof(std::max_align_t) - 1) / alignof(std::max_align_t) *
-                          alignof(std::max_align_t)>;
+  requires(alignof(T) <= alignof(std::max_align_t))
+using PoolOf = ObjectPool<sizeof(T)>;
 
 }  // namespace XpLib
