@@ -2,6 +2,8 @@
 #include "XpLpm/LpmPrefix.h"
 
 #include <algorithm>
+#include <memory>
+#include <unordered_map>
 
 #include "platform/Assert.h"
 #include "platform/Exception.h"
@@ -58,52 +60,80 @@ const LpmPrefixV4::KeyMap& LpmPrefixV4::emptyKeyMap() {
   return empty;
 }
 
+struct LpmPrefixV4::FanoutTable : std::unordered_map<const LpmPrefixV4*, std::unique_ptr<Fanout>> {};
+
+LpmPrefixV4::FanoutTable& LpmPrefixV4::fanoutTable() {
+  // Never destroyed: prefixes may be dropped while other statics go away at exit.
+  static FanoutTable* table = new FanoutTable;
+  return *table;
+}
+
+LpmPrefixV4::~LpmPrefixV4() { dropFanout(); }
+
+const LpmPrefixV4::Fanout* LpmPrefixV4::fanoutIfAny() const {
+  const FanoutTable& table = fanoutTable();
+  if (table.empty()) return nullptr;
+  auto it = table.find(this);
+  return it == table.end() ? nullptr : it->second.get();
+}
+
 LpmPrefixV4::Fanout& LpmPrefixV4::fanout() {
-  if (!fanout_) fanout_ = std::make_unique<Fanout>();
-  return *fanout_;
+  std::unique_ptr<Fanout>& f = fanoutTable()[this];
+  if (!f) f = std::make_unique<Fanout>();
+  return *f;
 }
 
 void LpmPrefixV4::dropFanoutIfEmpty() {
-  if (fanout_ && !fanout_->owner && fanout_->nhBlock == NextHopBlock() && fanout_->otherOwners.empty() &&
-      fanout_->fanouts.empty())
-    fanout_.reset();
+  const Fanout* f = fanoutIfAny();
+  if (f && !f->owner && f->nhBlock == NextHopBlock() && f->otherOwners.empty() && f->fanouts.empty()) dropFanout();
+}
+
+void LpmPrefixV4::dropFanout() {
+  FanoutTable& table = fanoutTable();
+  if (table.empty()) return;
+  auto it = table.find(this);
+  if (it == table.end()) return;
+  // Out of the table before it goes: dropping its owner reference may drop another prefix,
+  // whose destructor looks in the table too.
+  std::unique_ptr<Fanout> f = std::move(it->second);
+  table.erase(it);
 }
 
 // Setting a field back to its default on a prefix without fanout bookkeeping allocates nothing,
 // and clearing the last field gives the bookkeeping back.
 void LpmPrefixV4::ownerLpmPrefixIs(const Ptr<LpmPrefixV4>& owner) {
-  if (!owner && !fanout_) return;
+  if (!owner && !fanoutIfAny()) return;
   fanout().owner = owner;
   dropFanoutIfEmpty();
 }
 
 void LpmPrefixV4::nhBlockIs(const NextHopBlock& b) {
-  if (b == NextHopBlock() && !fanout_) return;
+  if (b == NextHopBlock() && !fanoutIfAny()) return;
   fanout().nhBlock = b;
   dropFanoutIfEmpty();
 }
 
 void LpmPrefixV4::otherOwnerListDel(const VrfAndPrefix& key) {
-  if (!fanout_) return;
-  fanout_->otherOwners.erase(key);
+  if (!fanoutIfAny()) return;
+  fanout().otherOwners.erase(key);
   dropFanoutIfEmpty();
 }
 
 void LpmPrefixV4::otherOwnerListDelAll() {
-  if (!fanout_) return;
-  fanout_->otherOwners.clear();
+  if (!fanoutIfAny()) return;
+  fanout().otherOwners.clear();
   dropFanoutIfEmpty();
 }
 
 void LpmPrefixV4::prefixFanoutListDel(const VrfAndPrefix& key) {
-  if (!fanout_) return;
-  fanout_->fanouts.erase(key);
+  if (!fanoutIfAny()) return;
+  fanout().fanouts.erase(key);
   dropFanoutIfEmpty();
 }
 
 void LpmPrefixV4::prefixFanoutListDelAll() {
-  if (!fanout_) return;
-  fanout_->fanouts.clear();
+  if (!fanoutIfAny()) return;
+  fanout().fanouts.clear();
   dropFanoutIfEmpty();
 }
 
@@ -125,8 +155,9 @@ void LpmPrefixV4::createFanoutPrefixV4(U32 targetTread) {
 }
 
 std::size_t LpmPrefixV4::heapBytes() const {
-  if (!fanout_) return 0;
-  return sizeof(Fanout) + fanout_->otherOwners.heapBytes() + fanout_->fanouts.heapBytes();
+  const Fanout* f = fanoutIfAny();
+  if (!f) return 0;
+  return sizeof(Fanout) + f->otherOwners.heapBytes() + f->fanouts.heapBytes();
 }
 
 SubTrieBranch LpmPrefixV6::branch(U8 branchLen) const {

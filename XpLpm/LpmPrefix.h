@@ -110,6 +110,9 @@ class LpmPrefixV4 : public LpmPrefix {
   static void operator delete(void* p) { PoolOf<LpmPrefixV4>::release(p); }
 
   explicit LpmPrefixV4(const VrfAndPrefix& key) : LpmPrefix(key.hash()), vrfAndPrefix_(key) {}
+  LpmPrefixV4(const LpmPrefixV4&) = delete;
+  LpmPrefixV4& operator=(const LpmPrefixV4&) = delete;
+  ~LpmPrefixV4() override;
 
   U8 len() const override { return vrfAndPrefix_.prefix.len() + kVrfBits; }
   SubTrieBranch branch(U8 branchLen) const override;
@@ -118,25 +121,37 @@ class LpmPrefixV4 : public LpmPrefix {
 
   const VrfAndPrefix& vrfAndPrefix() const { return vrfAndPrefix_; }
 
-  Ptr<LpmPrefixV4> ownerLpmPrefix() const { return fanout_ ? fanout_->owner : Ptr<LpmPrefixV4>(); }
+  Ptr<LpmPrefixV4> ownerLpmPrefix() const {
+    const Fanout* f = fanoutIfAny();
+    return f ? f->owner : Ptr<LpmPrefixV4>();
+  }
   void ownerLpmPrefixIs(const Ptr<LpmPrefixV4>& owner);
 
-  NextHopBlock nhBlock() const { return fanout_ ? fanout_->nhBlock : NextHopBlock(); }
+  NextHopBlock nhBlock() const {
+    const Fanout* f = fanoutIfAny();
+    return f ? f->nhBlock : NextHopBlock();
+  }
   void nhBlockIs(const NextHopBlock& b);
 
   // Further requested prefixes that produced this same fanout prefix.
-  bool otherOwnerList(const VrfAndPrefix& key) const { return fanout_ && fanout_->otherOwners.get(key); }
-  U32 otherOwnerLists() const { return fanout_ ? fanout_->otherOwners.size() : 0; }
-  const KeyMap& otherOwnerListMap() const { return fanout_ ? fanout_->otherOwners : emptyKeyMap(); }
+  bool otherOwnerList(const VrfAndPrefix& key) const { return otherOwnerListMap().get(key); }
+  U32 otherOwnerLists() const { return otherOwnerListMap().size(); }
+  const KeyMap& otherOwnerListMap() const {
+    const Fanout* f = fanoutIfAny();
+    return f ? f->otherOwners : emptyKeyMap();
+  }
   void otherOwnerListIs(const VrfAndPrefix& key, bool v) { fanout().otherOwners.set(key, v); }
   void newOtherOwnerList(const VrfAndPrefix& key, bool v) { otherOwnerListIs(key, v); }
   void otherOwnerListDel(const VrfAndPrefix& key);
   void otherOwnerListDelAll();
 
   // The fanout prefixes that this prefix produced.
-  bool prefixFanoutList(const VrfAndPrefix& key) const { return fanout_ && fanout_->fanouts.get(key); }
-  U32 prefixFanoutLists() const { return fanout_ ? fanout_->fanouts.size() : 0; }
-  const KeyMap& prefixFanoutListMap() const { return fanout_ ? fanout_->fanouts : emptyKeyMap(); }
+  bool prefixFanoutList(const VrfAndPrefix& key) const { return prefixFanoutListMap().get(key); }
+  U32 prefixFanoutLists() const { return prefixFanoutListMap().size(); }
+  const KeyMap& prefixFanoutListMap() const {
+    const Fanout* f = fanoutIfAny();
+    return f ? f->fanouts : emptyKeyMap();
+  }
   void prefixFanoutListIs(const VrfAndPrefix& key, bool v) { fanout().fanouts.set(key, v); }
   void newPrefixFanoutList(const VrfAndPrefix& key, bool v) { prefixFanoutListIs(key, v); }
   void prefixFanoutListDel(const VrfAndPrefix& key);
@@ -152,19 +167,23 @@ class LpmPrefixV4 : public LpmPrefix {
   int keyCompare(const LpmPrefix& o) const override;
 
  private:
-  // Fanout bookkeeping is rare: it costs one null pointer until used, and goes when empty.
+  // Fanout bookkeeping is rare (prefix expansion only): it lives beside the objects that have any,
+  // not as a pointer in each of a million, and goes when empty.
   struct Fanout {
     Ptr<LpmPrefixV4> owner;
     NextHopBlock nhBlock;
     KeyMap otherOwners;
     KeyMap fanouts;
   };
+  struct FanoutTable;
+  static FanoutTable& fanoutTable();
+  const Fanout* fanoutIfAny() const;
   Fanout& fanout();
   void dropFanoutIfEmpty();
+  void dropFanout();
   static const KeyMap& emptyKeyMap();
 
   const VrfAndPrefix vrfAndPrefix_;
-  std::unique_ptr<Fanout> fanout_;
 };
 
 class LpmPrefixV6 : public LpmPrefix {
