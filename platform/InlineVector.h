@@ -106,7 +106,7 @@ class InlineVector {
   }
 
  private:
-  T* inlineData() { return std::launder(reinterpret_cast<T*>(inline_)); }
+  T* inlineData() { return reinterpret_cast<T*>(inline_); }
   bool isInline() const { return data_ == reinterpret_cast<const T*>(inline_); }
 
   void release() {
