@@ -11,6 +11,7 @@
 #include "XpLpm/LpmGeometry.h"
 #include "support/RouteTables.h"
 #include "XpLpm/XpLpmSm.h"
+#include "platform/ObjectPool.h"
 
 namespace {
 
@@ -53,7 +54,8 @@ NextHopBlock blockFor(U64 origin) { return NextHopBlock(static_cast<U32>(8 * (or
 
 std::size_t heapInUse() {
   const auto mi = mallinfo2();
-  return mi.uordblks + mi.hblkhd;  // large vectors live in mmapped chunks
+  // Large vectors live in mmapped chunks; objects a pool keeps for reuse are not in use.
+  return mi.uordblks + mi.hblkhd - XpLib::pooledFreeBytes();
 }
 
 // The agent's drain: every command is taken off the queue and dropped.

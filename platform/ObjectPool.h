@@ -25,6 +25,15 @@
 
 namespace XpLib {
 
+namespace detail {
+inline std::size_t pooledFreeBytes = 0;
+}  // namespace detail
+
+// Bytes the pools hold for objects not in use. The heap counts all of a pool's chunks as in use,
+// so a measure of memory in use takes these off: else a table built where an earlier one was
+// dropped would seem to cost nothing.
+inline std::size_t pooledFreeBytes() { return detail::pooledFreeBytes; }
+
 // Objects sit kSize bytes apart from a chunk start aligned as the heap's are, so an object whose
 // size is kSize is aligned as its type needs.
 template <std::size_t kSize>
@@ -40,6 +49,7 @@ class ObjectPool {
     if (!p.free_) p.refill();
     Free* f = p.free_;
     p.free_ = f->next;
+    detail::pooledFreeBytes -= kSize;
     return f;
 #endif
   }
@@ -49,6 +59,7 @@ class ObjectPool {
 #else
     ObjectPool& p = instance();
     p.free_ = new (object) Free{p.free_};
+    detail::pooledFreeBytes += kSize;
 #endif
   }
 
@@ -69,6 +80,7 @@ class ObjectPool {
     chunks_.push_back(std::make_unique<std::byte[]>(kChunkBytes));
     std::byte* base = chunks_.back().get();
     for (std::size_t i = kChunkBytes / kSize; i-- > 0;) free_ = new (base + i * kSize) Free{free_};
+    detail::pooledFreeBytes += kChunkBytes / kSize * kSize;
   }
 
   Free* free_ = nullptr;

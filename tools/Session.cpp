@@ -13,6 +13,7 @@
 #include "Yardstick.h"
 #include "agent/Forwarding.h"
 #include "platform/Hash.h"
+#include "platform/ObjectPool.h"
 
 namespace xplpm {
 
@@ -23,7 +24,8 @@ namespace {
 
 std::size_t heapInUse() {
   const auto mi = mallinfo2();
-  return mi.uordblks + mi.hblkhd;
+  // Objects a pool keeps for reuse are not in use, as freed heap chunks are not.
+  return mi.uordblks + mi.hblkhd - XpLib::pooledFreeBytes();
 }
 
 double since(std::chrono::steady_clock::time_point t0) {
