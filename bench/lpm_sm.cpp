@@ -3,7 +3,6 @@
 // installed route, and a plain std::unordered_map insert of the same keys as the
 // yardstick in the same run.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <chrono>
 #include <unordered_map>
@@ -11,12 +10,13 @@
 #include "XpLpm/LpmGeometry.h"
 #include "support/RouteTables.h"
 #include "XpLpm/XpLpmSm.h"
-#include "platform/ObjectPool.h"
+#include "agent/HeapInUse.h"
 
 namespace {
 
 using namespace XpLib;
 using namespace XpLib::XpLpm;
+using Agent::heapInUse;
 using Agent::Route;
 
 const std::vector<Route>& routesV4() { return xplpm_test::realRoutes(false); }
@@ -51,12 +51,6 @@ test::Geometry geometryV6() {
 }
 
 NextHopBlock blockFor(U64 origin) { return NextHopBlock(static_cast<U32>(8 * (origin % 256)), 8); }
-
-std::size_t heapInUse() {
-  const auto mi = mallinfo2();
-  // Large vectors live in mmapped chunks; objects a pool keeps for reuse are not in use.
-  return mi.uordblks + mi.hblkhd - XpLib::pooledFreeBytes();
-}
 
 // The agent's drain: every command is taken off the queue and dropped.
 void drain(Status& status) {

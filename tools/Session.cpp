@@ -1,8 +1,6 @@
 // Programming, measuring and verifying one chip.
 #include "Session.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <chrono>
 #include <ctime>
@@ -12,21 +10,16 @@
 #include "Errors.h"
 #include "Yardstick.h"
 #include "agent/Forwarding.h"
+#include "agent/HeapInUse.h"
 #include "platform/Hash.h"
-#include "platform/ObjectPool.h"
 
 namespace xplpm {
 
+using XpLib::Agent::heapInUse;
 using XpLib::Agent::Route;
 using XpLib::Agent::XpLpmAgent;
 
 namespace {
-
-std::size_t heapInUse() {
-  const auto mi = mallinfo2();
-  // Objects a pool keeps for reuse are not in use, as freed heap chunks are not.
-  return mi.uordblks + mi.hblkhd - XpLib::pooledFreeBytes();
-}
 
 double since(std::chrono::steady_clock::time_point t0) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
