@@ -192,6 +192,36 @@ xpLpmKey xpLpmKey::ipv6(U32 vrf, const std::array<U8, 16>& address) {
 
 // Throws std::invalid_argument for a valid table the chip could not hash into (depth below 2, tread
 // above the key) and for more NHI pairs per entry than an NHI record holds.
+const xpLpmPrefixEntry& xpPrefixTableStore::at(U32 position) const {
+  const xpLpmPrefixEntry* e = find(position);
+  if (!e) throw std::out_of_range("no prefix entry at position " + std::to_string(position));
+  return *e;
+}
+
+void xpPrefixTableStore::put(U32 position, const xpLpmPrefixEntry& entry) {
+  U32& place = placeOf_.at(position);
+  if (place) {
+    entries_[place - 1] = entry;
+    return;
+  }
+  entries_.push_back(entry);
+  positions_.push_back(position);
+  place = size();
+}
+
+void xpPrefixTableStore::erase(U32 position) {
+  if (position >= placeOf_.size() || !placeOf_[position]) return;
+  const U32 hole = placeOf_[position] - 1, last = size() - 1;
+  if (hole != last) {
+    entries_[hole] = entries_[last];
+    positions_[hole] = positions_[last];
+    placeOf_[positions_[hole]] = hole + 1;
+  }
+  entries_.pop_back();
+  positions_.pop_back();
+  placeOf_[position] = 0;
+}
+
 xpLpmMemory::xpLpmMemory(const xpLpmTableContext& context) : context_(context) {
   for (U32 p = 0; p < xpLpmTableContext::kPrefixTables; ++p) {
     const xpPrefixTableContext& table = context.prefixTableContext[p];
@@ -202,6 +232,7 @@ xpLpmMemory::xpLpmMemory(const xpLpmTableContext& context) : context_(context) {
     tables_[p].hash = std::make_unique<crcHashFunction>(kKeyBits, hashBits, lpmHashPolynomial(p, table.hashSelector),
                                                         1, table.tread);
     tables_[p].occupancy.assign((table.depth + 63) / 64, 0);
+    tables_[p].entries.depthIs(table.depth);
   }
   U32 tiles = context.nhiTiles();
   if (tiles == 0) return;
@@ -215,9 +246,8 @@ XP_STATUS xpLpmMemory::readPrefixEntry(U32 tableId, U32 offset, xpLpmPrefixEntry
   if (!entry) return XP_ERR_INVALID_ARG;
   if (tableId >= tables_.size() || !tables_[tableId].hash) return XP_ERR_OUT_OF_RANGE;
   if (offset >= context_.prefixTableContext[tableId].depth) return XP_ERR_OUT_OF_RANGE;
-  const auto& entries = tables_[tableId].entries;
-  auto it = entries.find(offset);
-  *entry = it == entries.end() ? xpLpmPrefixEntry() : it->second;
+  const xpLpmPrefixEntry* held = tables_[tableId].entries.find(offset);
+  *entry = held ? *held : xpLpmPrefixEntry();
   return XP_NO_ERR;
 }
 
@@ -231,7 +261,7 @@ XP_STATUS xpLpmMemory::writePrefixEntry(U32 tableId, U32 offset, const xpLpmPref
     table.entries.erase(offset);
     word &= ~bit;
   } else {
-    table.entries[offset] = entry;
+    table.entries.put(offset, entry);
     word |= bit;
   }
   return XP_NO_ERR;
@@ -273,12 +303,12 @@ xpLpmLookupResult xpLpmMemory::lookup(const xpLpmKey& key) const {
     if (table.entries.empty()) continue;  // also every invalid table: nothing to hash for
     U32 position = table.hash->hash(XpBitVector(cuts[t], kKeyBits));
     if (!((table.occupancy[position / 64] >> (position % 64)) & 1)) continue;
-    auto it = table.entries.find(position);
-    if (it == table.entries.end()) continue;
-    std::optional<SlotMatch> match = matchEntry(it->second, view);
+    const xpLpmPrefixEntry* held = table.entries.find(position);
+    if (!held) continue;
+    std::optional<SlotMatch> match = matchEntry(*held, view);
     if (!match || (best.hit && match->length <= best.matchLength)) continue;
     best = xpLpmLookupResult{true, t, position, match->slot, match->length, {}};
-    bestEntry = &it->second;
+    bestEntry = held;
   }
   if (!bestEntry) return best;
   U32 pairs = context_.nhiPairPerEntry;
@@ -371,11 +401,7 @@ const xpNhEntry* xpChip::resolve(const xpLpmLookupResult& r, U64 selector) const
 
 std::size_t xpLpmMemory::prefixEntryBytes() const {
   std::size_t bytes = 0;
-  for (const Table& t : tables_) {
-    // A node holds the pair, the next pointer and the cached hash, rounded by malloc.
-    bytes += t.entries.size() * ((sizeof(std::pair<const U32, xpLpmPrefixEntry>) + 2 * sizeof(void*) + 15) / 16 * 16);
-    bytes += t.entries.bucket_count() * sizeof(void*);
-  }
+  for (const Table& t : tables_) bytes += t.entries.heapBytes();
   return bytes;
 }
 

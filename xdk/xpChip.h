@@ -32,6 +32,55 @@ struct xpChipWrite {
 };
 using xpWriteHook = std::function<void(const xpChipWrite&)>;
 
+// The non-empty entries of one prefix table, packed: a position names its entry's place in the
+// pack, so a read is two array loads rather than a hash-map probe, and the pack holds only what
+// was written. A removal moves the last entry into the hole, so the order of the pack depends only
+// on the history of writes.
+class xpPrefixTableStore {
+ public:
+  class const_iterator {
+   public:
+    using value_type = std::pair<U32, const xpLpmPrefixEntry&>;
+    const_iterator(const xpPrefixTableStore* store, U32 i) : store_(store), i_(i) {}
+    value_type operator*() const { return {store_->positions_[i_], store_->entries_[i_]}; }
+    const_iterator& operator++() {
+      ++i_;
+      return *this;
+    }
+    bool operator==(const const_iterator&) const = default;
+
+   private:
+    const xpPrefixTableStore* store_;
+    U32 i_;
+  };
+
+  void depthIs(U32 depth) { placeOf_.assign(depth, 0); }
+  // The entry at a position, or null where the position holds none (or lies past the table).
+  const xpLpmPrefixEntry* find(U32 position) const {
+    const U32 place = position < placeOf_.size() ? placeOf_[position] : 0;
+    return place ? &entries_[place - 1] : nullptr;
+  }
+  bool count(U32 position) const { return find(position) != nullptr; }
+  // Throws std::out_of_range where the position holds no entry.
+  const xpLpmPrefixEntry& at(U32 position) const;
+  void put(U32 position, const xpLpmPrefixEntry& entry);
+  void erase(U32 position);
+
+  U32 size() const { return static_cast<U32>(entries_.size()); }
+  bool empty() const { return entries_.empty(); }
+  const_iterator begin() const { return {this, 0}; }
+  const_iterator end() const { return {this, size()}; }
+  std::size_t heapBytes() const {
+    return placeOf_.capacity() * sizeof(U32) + entries_.capacity() * sizeof(xpLpmPrefixEntry) +
+           positions_.capacity() * sizeof(U32);
+  }
+
+ private:
+  std::vector<U32> placeOf_;  // by position: 1 + the entry's place in the pack, 0 for none
+  std::vector<xpLpmPrefixEntry> entries_;
+  std::vector<U32> positions_;  // by place: the entry's position
+};
+
 // The memory of one LPM instance (one address family).
 class xpLpmMemory {
  public:
@@ -49,18 +98,18 @@ class xpLpmMemory {
   // The longest match over every valid prefix table.
   xpLpmLookupResult lookup(const xpLpmKey& key) const;
 
-  // Heap held by the stored prefix entries (an estimate of the node sizes), so
-  // that a tool can tell the chip's memory from the library's.
+  // Heap held by the stored prefix entries, so that a tool can tell the chip's memory from the
+  // library's.
   std::size_t prefixEntryBytes() const;
   // Positions of one table that hold a non-empty entry, for audits and fill reports.
   U32 occupied(U32 tableId) const;
-  // Every non-empty entry of one table, by position.
-  const std::unordered_map<U32, xpLpmPrefixEntry>& entries(U32 tableId) const { return tables_[tableId].entries; }
+  // Every non-empty entry of one table, with its position.
+  const xpPrefixTableStore& entries(U32 tableId) const { return tables_[tableId].entries; }
 
  private:
   struct Table {
     std::unique_ptr<xpHashFunction> hash;
-    std::unordered_map<U32, xpLpmPrefixEntry> entries;  // only written, non-empty positions
+    xpPrefixTableStore entries;
     std::vector<U64> occupancy;  // one bit per position, so that lookups pass empty positions without a map probe
   };
 

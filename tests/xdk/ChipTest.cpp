@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <random>
 #include <set>
@@ -353,6 +354,37 @@ TEST(ChipMemory, ManagerCountsFailsOnceAndFreesZeroedPositions) {
   EXPECT_EQ(chip.lpm(true).entries(4).count(6), 1u);
   ASSERT_EQ(mgr.readPrefixEntry(0, 4, 5, &read, 0), XP_NO_ERR);
   EXPECT_TRUE(read.empty());
+}
+
+// The table packs its entries and fills a removal's hole with the last one: after any history of
+// writes and clears, every position reads its last write and iteration names each entry once.
+TEST(ChipMemory, PackedTableReadsEveryPositionsLastWrite) {
+  xpLpmMemory v4(kV4);
+  const U32 table = 3, depth = 1000;
+  std::map<U32, xpLpmPrefixEntry> want;
+  std::mt19937 rng(7);
+  for (int step = 0; step < 20000; ++step) {
+    const U32 position = rng() % 64 * 15;  // a few positions, hit again and again
+    xpLpmPrefixEntry e;
+    if (rng() % 3) {
+      e = encodeEntry(kKey, 40, 1);
+      e.nhiOffset = static_cast<U16>(step);
+      want[position] = e;
+    } else {
+      want.erase(position);
+    }
+    ASSERT_EQ(v4.writePrefixEntry(table, position, e), XP_NO_ERR);
+    ASSERT_EQ(v4.occupied(table), want.size());
+    std::map<U32, xpLpmPrefixEntry> held;
+    for (const auto& [pos, entry] : v4.entries(table)) ASSERT_TRUE(held.emplace(pos, entry).second) << pos;
+    ASSERT_EQ(held, want) << "step " << step;
+  }
+  xpLpmPrefixEntry read;
+  for (U32 position = 0; position < depth; ++position) {
+    ASSERT_EQ(v4.readPrefixEntry(table, position, &read), XP_NO_ERR);
+    EXPECT_EQ(read, want.count(position) ? want[position] : xpLpmPrefixEntry()) << position;
+  }
+  EXPECT_THROW(v4.entries(table).at(1), std::out_of_range);
 }
 
 }  // namespace
