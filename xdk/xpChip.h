@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/ChunkedVector.h"
 #include "xdk/xpHashFunction.h"
 #include "xdk/xpIpRouteLpmMgr.h"
 #include "xdk/xpLpmLookup.h"
@@ -71,13 +72,14 @@ class xpPrefixTableStore {
   const_iterator begin() const { return {this, 0}; }
   const_iterator end() const { return {this, size()}; }
   std::size_t heapBytes() const {
-    return placeOf_.capacity() * sizeof(U32) + entries_.capacity() * sizeof(xpLpmPrefixEntry) +
-           positions_.capacity() * sizeof(U32);
+    return placeOf_.capacity() * sizeof(U32) + entries_.heapBytes() + positions_.capacity() * sizeof(U32);
   }
 
  private:
   std::vector<U32> placeOf_;  // by position: 1 + the entry's place in the pack, 0 for none
-  std::vector<xpLpmPrefixEntry> entries_;
+  // In chunks of 256 entries: a full table's pack never moves as it grows, and a small table
+  // takes no more than a chunk.
+  XpLib::ChunkedVector<xpLpmPrefixEntry, 8> entries_;
   std::vector<U32> positions_;  // by place: the entry's position
 };
 
