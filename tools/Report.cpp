@@ -99,7 +99,7 @@ U64 count(const json& j, const char* section, const char* key) {
   return j.contains(section) && j[section].contains(key) ? j[section][key].get<U64>() : 0;
 }
 
-// Whether malloc was told to put its heap on huge pages (the tool asks unless XPLPM_HUGE_PAGES=0).
+// Whether malloc was told to put its heap on huge pages (the tool asks with XPLPM_HUGE_PAGES=1).
 bool hugePagesAsked() {
   const char* tunables = std::getenv("GLIBC_TUNABLES");
   const std::string_view t = tunables ? tunables : "";
