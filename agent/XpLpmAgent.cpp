@@ -465,20 +465,69 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
   Group* g = groups_.find(group);
   if (!g) return;
   g->read = block;
-  // Re-requesting may withdraw a route but never changes the group's membership.
+  // Re-requesting may withdraw a route but never changes the group's membership, so a route's
+  // place in the list names it throughout.
+  std::vector<bool> done(g->routes.size());
+  std::vector<Ptr<XpLpm::LpmPrefix>> together;
   for (U32 i = 0; i < g->routes.size(); ++i) {
+    if (done[i]) continue;
     const Ptr<XpLpm::LpmPrefix>& prefix = g->routes[i];
     Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);
-    if (which == Repoint::installedOnly && !f.sm->prefixToSubTrie(prefix)) {
+    const Ptr<XpLpm::SubTrie> subTrie = f.sm->prefixToSubTrie(prefix);
+    if (!subTrie && which == Repoint::installedOnly) {
       // Not in the chip: nothing reads it, and a request left on the old block would be placed
       // there by the next notification. It is asked for again with the group's final block.
       if (f.config->request(prefix) != NextHopBlock()) withdraw(prefix);
       continue;
     }
-    const RouteResult result = requestRoute(prefix, block, Admission::skip);
-    recordResultIs(prefix, result);
+    together.clear();
+    if (!subTrie) together.push_back(prefix);
+    for (const Ptr<XpLpm::LpmPrefix>& p : subTrie ? subTrie->slots() : std::vector<Ptr<XpLpm::LpmPrefix>>()) {
+      if (!p || !isWanted(p) || recordGroup(p) != group) continue;
+      together.push_back(p);
+      done[p->record().ownerAt] = true;
+    }
+    if (together.size() < 2 || block == NextHopBlock()) {
+      for (const Ptr<XpLpm::LpmPrefix>& p : together) {
+        recordResultIs(p, requestRoute(p, block, Admission::skip));
+        ++counters_.routesRepointed;
+      }
+      continue;
+    }
+    repointTogether(f, together, block);
+  }
+}
+
+// Each route is still its own request, handled in slot order; only the notifications wait until
+// every request has changed. So the first route's update writes the sub-trie's final NHI contents
+// and the others find nothing left to change, where one at a time each would write the sub-trie
+// and an NHI block in between. Nothing else runs between the changes and the first update, so the
+// machine meets no request of another sub-trie that it has not handled.
+void XpLpmAgent::repointTogether(Family& f, const std::vector<Ptr<XpLpm::LpmPrefix>>& routes,
+                                 const NextHopBlock& block) {
+  f.sm->hasNotificationActiveIs(false);
+  libraryTime_.run([&] {
+    for (const Ptr<XpLpm::LpmPrefix>& p : routes) {
+      deferred_.erase(p);
+      f.config->requestIs(p, block);
+    }
+  });
+  f.sm->hasNotificationActiveIs(true);
+  for (const Ptr<XpLpm::LpmPrefix>& p : routes) {
+    libraryTime_.run([&] { f.sm->handleRequest(p); });
+    f.writer->drain();
+    recordResultIs(p, updateOutcome(f, p, block));
     ++counters_.routesRepointed;
   }
+}
+
+// An installed route whose update found no NHI room still points at the old block, which another
+// group may soon be given: take it out instead.
+RouteResult XpLpmAgent::updateOutcome(Family& f, const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block) {
+  if (f.status->prefixToNextHopBlock(prefix) == block) return RouteResult{};
+  withdraw(prefix);
+  ++counters_.routesWithdrawnOnMove;
+  return RouteResult{RouteState::nhiTableFull};
 }
 
 bool XpLpmAgent::admits(const Family& f) const {
@@ -573,14 +622,7 @@ RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const 
     if (f.sm->prefixToSubTrie(prefix)) return RouteResult{};
     return RouteResult{RouteState::lpmRefused, f.sm->lastInsertReturnCode()};
   }
-  // An installed route whose update found no NHI room still points at the old
-  // block, which another group may soon be given: take it out instead.
-  if (f.status->prefixToNextHopBlock(prefix) != block) {
-    withdraw(prefix);
-    ++counters_.routesWithdrawnOnMove;
-    return RouteResult{RouteState::nhiTableFull};
-  }
-  return RouteResult{};
+  return updateOutcome(f, prefix, block);
 }
 
 void XpLpmAgent::joinGroup(const Ptr<XpLpm::LpmPrefix>& prefix, SwId group) {

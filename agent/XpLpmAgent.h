@@ -305,6 +305,9 @@ class XpLpmAgent {
   // Re-requests the group's routes with `block`; installedOnly leaves the routes the chip does
   // not hold out of the library until the group's final block is known.
   void repointRoutes(SwId group, const NextHopBlock& block, Repoint which);
+  // Re-requests, with `block`, routes of one group that share a sub-trie of family `f`.
+  void repointTogether(Family& f, const std::vector<Ptr<XpLpm::LpmPrefix>>& routes, const NextHopBlock& block);
+  RouteResult updateOutcome(Family& f, const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block);
   enum class Admission { check, skip };
   RouteResult requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const NextHopBlock& block, Admission admission);
   // Whether the family can take one more insert or next-hop change and still have room for any

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <random>
+#include <set>
 
 #include "ForwardingCheck.h"
 
@@ -82,6 +83,37 @@ TEST(NextHopGroupTest, WidthsOutsideTheTableAreRefusedAndChangeNothing) {
   }
   EXPECT_NE(agent.groupWidthIs(group, Nway(static_cast<U16>(widest))), GroupResult::badWidth);
   agent.nextHopSm()->verify();
+}
+
+// A resize re-requests every route of the group, but the routes that share a sub-trie take the new
+// block in one write of it: an NHI block and a prefix entry in between for each would be writes
+// the chip does not need.
+TEST(NextHopGroupTest, RoutesOfAGroupInOneSubTrieMoveWithOneWriteOfIt) {
+  XpLpmAgent agent(*XpXdk::findChipProfile("small"), {.nextHopGroups = 4});
+  std::vector<Route> routes;
+  for (U32 i = 0; i < 16; ++i) {
+    Route r;
+    r.v4 = Prefix(0x0A010000u | i << 8, 24);
+    r.nextHop = i % 5 == 4 ? 2 : 1;  // a few routes of another group among them
+    routes.push_back(r);
+    ASSERT_TRUE(agent.routeIs(r).installed()) << r.prefixStr();
+  }
+  const auto& sm = *agent.family(false).sm;
+  std::set<const XpLpm::SubTrie*> holding;  // the sub-tries with routes of group 1
+  U32 moving = 0;
+  for (const Route& r : routes) {
+    if (r.nextHop != 1) continue;
+    ++moving;
+    holding.insert(sm.prefixToSubTrie(agent.findPrefix(r)).ptr());
+  }
+  ASSERT_LT(holding.size(), moving) << "no sub-trie holds two routes of the group";
+  const HwWriterCounters before = agent.family(false).writer->counters();
+  ASSERT_EQ(agent.groupWidthIs(SwId(1), Nway(8)), GroupResult::placed);
+  const HwWriterCounters after = agent.family(false).writer->counters();
+  EXPECT_EQ(after.prefixWrites - before.prefixWrites, holding.size());
+  for (const Route& r : routes)
+    EXPECT_EQ(agent.installedBlock(r), agent.groupBlock(agent.groupOf(r))) << r.prefixStr();
+  EXPECT_EQ(agent.groupBlock(SwId(1)).size().value(), 8u);
 }
 
 }  // namespace
