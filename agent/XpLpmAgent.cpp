@@ -481,11 +481,14 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
       continue;
     }
     together.clear();
-    if (!subTrie) together.push_back(prefix);
-    for (const Ptr<XpLpm::LpmPrefix>& p : subTrie ? subTrie->slots() : std::vector<Ptr<XpLpm::LpmPrefix>>()) {
-      if (!p || !isWanted(p) || recordGroup(p) != group) continue;
-      together.push_back(p);
-      done[p->record().ownerAt] = true;
+    if (!subTrie) {
+      together.push_back(prefix);
+    } else {
+      for (const Ptr<XpLpm::LpmPrefix>& p : subTrie->slots()) {
+        if (!p || !isWanted(p) || recordGroup(p) != group) continue;
+        together.push_back(p);
+        done[p->record().ownerAt] = true;
+      }
     }
     if (together.size() < 2 || block == NextHopBlock()) {
       for (const Ptr<XpLpm::LpmPrefix>& p : together) {
