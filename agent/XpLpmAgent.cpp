@@ -468,7 +468,7 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
   // Re-requesting may withdraw a route but never changes the group's membership, so a route's
   // place in the list names it throughout.
   std::vector<bool> done(g->routes.size());
-  std::vector<Ptr<XpLpm::LpmPrefix>> together;
+  std::vector<Ptr<XpLpm::LpmPrefix>> alone, together;
   for (U32 i = 0; i < g->routes.size(); ++i) {
     if (done[i]) continue;
     const Ptr<XpLpm::LpmPrefix>& prefix = g->routes[i];
@@ -480,24 +480,27 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
       if (f.config->request(prefix) != NextHopBlock()) withdraw(prefix);
       continue;
     }
+    // A route whose request does not change is no notification for the machine: it goes alone.
+    alone.clear();
     together.clear();
     if (!subTrie) {
-      together.push_back(prefix);
+      alone.push_back(prefix);
     } else {
       for (const Ptr<XpLpm::LpmPrefix>& p : subTrie->slots()) {
         if (!p || !isWanted(p) || recordGroup(p) != group) continue;
-        together.push_back(p);
         done[p->record().ownerAt] = true;
+        (block != NextHopBlock() && f.config->request(p) != block ? together : alone).push_back(p);
       }
     }
-    if (together.size() < 2 || block == NextHopBlock()) {
-      for (const Ptr<XpLpm::LpmPrefix>& p : together) {
-        recordResultIs(p, requestRoute(p, block, Admission::skip));
-        ++counters_.routesRepointed;
-      }
-      continue;
+    if (together.size() == 1) {
+      alone.push_back(together.back());
+      together.clear();
     }
-    repointTogether(f, together, block);
+    for (const Ptr<XpLpm::LpmPrefix>& p : alone) {
+      recordResultIs(p, requestRoute(p, block, Admission::skip));
+      ++counters_.routesRepointed;
+    }
+    if (!together.empty()) repointTogether(f, together, block);
   }
 }
 
