@@ -190,8 +190,6 @@ xpLpmKey xpLpmKey::ipv6(U32 vrf, const std::array<U8, 16>& address) {
   return key;
 }
 
-// Throws std::invalid_argument for a valid table the chip could not hash into (depth below 2, tread
-// above the key) and for more NHI pairs per entry than an NHI record holds.
 const xpLpmPrefixEntry& xpPrefixTableStore::at(U32 position) const {
   const xpLpmPrefixEntry* e = find(position);
   if (!e) throw std::out_of_range("no prefix entry at position " + std::to_string(position));
@@ -222,6 +220,8 @@ void xpPrefixTableStore::erase(U32 position) {
   placeOf_[position] = 0;
 }
 
+// Throws std::invalid_argument for a valid table the chip could not hash into (depth below 2, tread
+// above the key) and for more NHI pairs per entry than an NHI record holds.
 xpLpmMemory::xpLpmMemory(const xpLpmTableContext& context) : context_(context) {
   for (U32 p = 0; p < xpLpmTableContext::kPrefixTables; ++p) {
     const xpPrefixTableContext& table = context.prefixTableContext[p];

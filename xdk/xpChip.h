@@ -112,7 +112,9 @@ class xpLpmMemory {
   struct Table {
     std::unique_ptr<xpHashFunction> hash;
     xpPrefixTableStore entries;
-    std::vector<U64> occupancy;  // one bit per position, so that lookups pass empty positions without a map probe
+    // One bit per position: a lookup passes an empty position without a cache miss in the larger
+    // position array of `entries`.
+    std::vector<U64> occupancy;
   };
 
   xpLpmTableContext context_;
