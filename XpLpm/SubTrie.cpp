@@ -159,6 +159,27 @@ Ptr<SubTrie> subTrieFactory(PrefixTableIdx index, const SubTrieBranch& branch, U
   return makePtr<SubTrie>(index, branch, branchLen, stride, mode, table);
 }
 
+void SubTrieSet::subTrieIs(const Ptr<SubTrie>& st) {
+  if (!many_) {
+    if (!one_.first || one_.first == st) {
+      one_.first = st;
+      return;
+    }
+    many_ = std::make_unique<Map>();
+    many_->set(std::exchange(one_.first, nullptr), true);
+  }
+  many_->set(st, true);
+}
+
+void SubTrieSet::subTrieDel(const Ptr<SubTrie>& st) {
+  if (!many_) {
+    if (one_.first == st) one_.first = nullptr;
+    return;
+  }
+  many_->erase(st);
+  if (many_->empty()) many_.reset();
+}
+
 Ptr<SubTrieSet> subTrieSetFactory() { return makePtr<SubTrieSet>(); }
 
 }  // namespace XpLpm

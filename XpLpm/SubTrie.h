@@ -7,6 +7,7 @@
 // of at most 216 entries, and an entry costs 8 bytes instead of two map nodes.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -128,26 +129,32 @@ struct AddressHash {
   }
 };
 
-// The sub-tries that use one NHI block.
+// The sub-tries that use one NHI block. Most blocks have one user: it sits in the set itself,
+// and a map is made only for a second, which then comes after it as it would in the map alone.
 class SubTrieSet : public PtrInterface {
  public:
   using Map = HashMap<Ptr<SubTrie>, bool, AddressHash>;
+  using const_iterator = const Map::value_type*;
 
-  bool subTrie(const Ptr<SubTrie>& st) const { return set_.contains(st); }
-  U32 subTries() const { return set_.size(); }
-  void subTrieIs(const Ptr<SubTrie>& st) { set_.set(st, true); }
+  bool subTrie(const Ptr<SubTrie>& st) const { return many_ ? many_->contains(st) : (one_.first && one_.first == st); }
+  U32 subTries() const { return many_ ? many_->size() : (one_.first ? 1 : 0); }
+  void subTrieIs(const Ptr<SubTrie>& st);
   void newSubTrie(const Ptr<SubTrie>& st) { subTrieIs(st); }
-  void subTrieDel(const Ptr<SubTrie>& st) { set_.erase(st); }
-  void subTrieDelAll() { set_.clear(); }
-  Map::const_iterator begin() const { return set_.begin(); }
-  Map::const_iterator end() const { return set_.end(); }
+  void subTrieDel(const Ptr<SubTrie>& st);
+  void subTrieDelAll() {
+    many_.reset();
+    one_.first = nullptr;
+  }
+  const_iterator begin() const { return many_ ? many_->empty() ? nullptr : &*many_->begin() : &one_; }
+  const_iterator end() const { return begin() + subTries(); }
 
   // Made and dropped with the NHI records: from the pool, not the heap.
   static void* operator new(std::size_t) { return PoolOf<SubTrieSet>::allocate(); }
   static void operator delete(void* p) { PoolOf<SubTrieSet>::release(p); }
 
  private:
-  Map set_;
+  Map::value_type one_{nullptr, true};
+  std::unique_ptr<Map> many_;
 };
 
 Ptr<SubTrieSet> subTrieSetFactory();

@@ -8,6 +8,7 @@
 #include <array>
 #include <memory>
 
+#include "platform/ObjectPool.h"
 #include "platform/Ptr.h"
 #include "platform/Types.h"
 
@@ -27,6 +28,10 @@ class Bitmap : public PtrInterface {
   Bitmap(const Bitmap& other);
   Bitmap& operator=(const Bitmap& other);
   ~Bitmap() override = default;
+
+  // One per sub-trie: from the pool, not the heap, whose header and rounding would add a quarter.
+  static void* operator new(std::size_t) { return PoolOf<Bitmap>::allocate(); }
+  static void operator delete(void* p) { PoolOf<Bitmap>::release(p); }
 
   U64 key() const { return key_; }
   U32 length() const { return length_; }
