@@ -32,16 +32,16 @@ class SubTrie;
 // LpmPrefixRecordMap). A route then costs one probe, of the configuration's key index.
 struct LpmPrefixRecord {
   static constexpr U32 kNowhere = 0xFFFFFFFFu;
+  // First, so that the padding is all at the end (see LpmPrefix::record_).
+  SubTrie* subTrie = nullptr;  // holds a reference while subTrieAt is set
   // The configuration whose one object for this key this is; 0 for an object made outside one.
   U32 domain = 0;
   // Places in the collections' orders.
   U32 requestAt = kNowhere, installedAt = kNowhere, subTrieAt = kNowhere;
   // Room for the configuration's owner (the agent) to keep its own record of the route: a place
   // in one of its lists, a word and a tag. The library never reads them.
-  U32 ownerAt = kNowhere, ownerWord = 0;
+  U32 ownerAt = kNowhere, ownerWord = 0, ownerTag = 0;
   NextHopBlock request, installed;
-  U64 ownerTag = 0;
-  SubTrie* subTrie = nullptr;  // holds a reference while subTrieAt is set
 
   // Whether a collection holds the route here; the configuration keeps such an object as the one
   // for its key even after dropping it, so that no second object of the key meets them.
@@ -79,8 +79,9 @@ class LpmPrefix : public PtrInterface {
 
  private:
   U32 keyHash_ = 0;
-  // The collections' entries, not the key: a const prefix is still a member of them.
-  mutable LpmPrefixRecord record_;
+  // The collections' entries, not the key: a const prefix is still a member of them. Overlappable,
+  // so that a derived key fills the record's tail padding (an IPv4 key object takes 80 bytes, not 88).
+  [[no_unique_address]] mutable LpmPrefixRecord record_;
 };
 
 std::ostream& operator<<(std::ostream& os, const LpmPrefix& p);

@@ -3,6 +3,7 @@
 #include "agent/XpLpmAgent.h"
 
 #include <algorithm>
+#include <functional>
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
@@ -241,7 +242,7 @@ void XpLpmAgent::restoreGroups() {
     if (groups_.contains(restored.group) || base < cursor) continue;
     fill(cursor, base);
     const Nway width(static_cast<U16>(restored.width));
-    groups_.set(restored.group, Group{width, {}, {}});
+    newGroup(restored.group, width);
     nhConfig_->requestIs(restored.group, width);
     ++restartReport_.groupsRestored;
     if (groupBlock(restored.group).base().value() != base) {
@@ -302,11 +303,24 @@ XpLpmAgent::Group& XpLpmAgent::groupIs(SwId group) {
   if (Group* g = groups_.find(group)) return *g;
   // A next-hop table whose largest block is narrower than a default width gets groups that fit.
   const Nway width(static_cast<U16>(std::min<U32>(defaultWidth(group).value(), maxGroupWidth())));
-  groups_.set(group, Group{width, {}, {}});
+  newGroup(group, width);
   const NextHopBlock before = groupBlock(group);
   nhConfig_->requestIs(group, width);
   applyNextHopChanges(group, before);
   return *groups_.find(group);
+}
+
+void XpLpmAgent::newGroup(SwId group, Nway width) {
+  U32 tag = static_cast<U32>(groupOfTag_.size());
+  if (freeTags_.empty()) {
+    groupOfTag_.push_back(group);
+  } else {
+    std::pop_heap(freeTags_.begin(), freeTags_.end(), std::greater<>());
+    tag = freeTags_.back();
+    freeTags_.pop_back();
+    groupOfTag_[tag] = group;
+  }
+  groups_.set(group, Group{width, {}, {}, tag});
 }
 
 U32 XpLpmAgent::maxGroupWidth() const {
@@ -364,6 +378,8 @@ void XpLpmAgent::groupDel(SwId group) {
     withdraw(prefix);
     prefix->record().ownerAt = XpLpm::LpmPrefixRecord::kNowhere;
   }
+  freeTags_.push_back(g->tag);
+  std::push_heap(freeTags_.begin(), freeTags_.end(), std::greater<>());
   groups_.erase(group);
   nhConfig_->requestDel(group);
   applyNextHopChanges(group, NextHopBlock());
@@ -634,7 +650,7 @@ RouteResult XpLpmAgent::requestRoute(const Ptr<XpLpm::LpmPrefix>& prefix, const 
 void XpLpmAgent::joinGroup(const Ptr<XpLpm::LpmPrefix>& prefix, SwId group) {
   Group& g = groupIs(group);
   XpLpm::LpmPrefixRecord& record = prefix->record();
-  record.ownerTag = group.value();
+  record.ownerTag = g.tag;
   record.ownerAt = static_cast<U32>(g.routes.size());
   g.routes.push_back(prefix);
 }

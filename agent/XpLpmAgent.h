@@ -261,6 +261,8 @@ class XpLpmAgent {
     // replaced by the last one. Each route's record knows its place here.
     std::vector<Ptr<XpLpm::LpmPrefix>> routes;
     NextHopBlock read;  // the block its routes were last pointed at
+    // Its number in groupOfTag_, which its routes' records carry: half the room of its id.
+    U32 tag = 0;
   };
   // A wanted route's record lives in its prefix object, the configuration's one object for its
   // key: its group, its place in the group's list and what became of it. No map is probed to
@@ -268,7 +270,7 @@ class XpLpmAgent {
   static bool isWanted(const Ptr<XpLpm::LpmPrefix>& p) {
     return p->record().ownerAt != XpLpm::LpmPrefixRecord::kNowhere;
   }
-  static SwId recordGroup(const Ptr<XpLpm::LpmPrefix>& p) { return SwId(p->record().ownerTag); }
+  SwId recordGroup(const Ptr<XpLpm::LpmPrefix>& p) const { return groupOfTag_[p->record().ownerTag]; }
   static RouteResult recordResult(const Ptr<XpLpm::LpmPrefix>& p);
   static void recordResultIs(const Ptr<XpLpm::LpmPrefix>& p, const RouteResult& result);
   // Makes the route wanted, as a member of `group`.
@@ -288,6 +290,8 @@ class XpLpmAgent {
   std::map<U32, RestoredGroup> recoveredGroups() const;
   bool chipHoldsGroup(U32 base, U32 width, SwId& group) const;
   Group& groupIs(SwId group);
+  // Adds the group, with a tag no other group has.
+  void newGroup(SwId group, Nway width);
   // Applies what the last next-hop request changed: moves, then the group's own block.
   void applyNextHopChanges(SwId requested, const NextHopBlock& before);
   void writeGroupEntries(SwId group, const NextHopBlock& block);
@@ -334,6 +338,9 @@ class XpLpmAgent {
   Ptr<XpLpmNextHop::LpmNextHopSm> nhSm_;
   Family v4_, v6_;
   HashMap<SwId, Group> groups_;
+  // Group by tag; the tags of dropped groups are given out again, lowest first.
+  std::vector<SwId> groupOfTag_;
+  std::vector<U32> freeTags_;
   AgentCounters counters_;
   SampledTimer libraryTime_;
   RestartReport restartReport_;
