@@ -208,7 +208,7 @@ LpmPrefixObjects<K, P>::LpmPrefixObjects() : domain_(nextDomain++) {}
 
 template <class K, class P>
 Ptr<P> LpmPrefixObjects<K, P>::intern(const K& key) {
-  if (const U32 at = locate(key); at != kNone) return Ptr<P>(slots_[at]);
+  if (const U32 at = locate(key); at != kNone) return Ptr<P>(&objectAt(slots_[at]));
   Ptr<P> p;
   if (!dropped_.empty()) {
     p = dropped_.get(key);
@@ -225,9 +225,9 @@ Ptr<P> LpmPrefixObjects<K, P>::intern(const K& key) {
 template <class K, class P>
 void LpmPrefixObjects<K, P>::set(const K& key, const Ptr<P>& p) {
   const U32 at = locate(key);
-  if (at != kNone && slots_[at] == p.ptr()) return;
+  if (at != kNone && &objectAt(slots_[at]) == p.ptr()) return;
   if (at != kNone) {
-    const Ptr<P> held(slots_[at]);
+    const Ptr<P> held(&objectAt(slots_[at]));
     remove(at);
     release(held, key);
   }
@@ -243,24 +243,23 @@ template <class K, class P>
 void LpmPrefixObjects<K, P>::erase(const K& key) {
   const U32 at = locate(key);
   if (at == kNone) return;
-  const Ptr<P> held(slots_[at]);
+  const Ptr<P> held(&objectAt(slots_[at]));
   remove(at);
   release(held, key);
 }
 
 template <class K, class P>
 void LpmPrefixObjects<K, P>::clear() {
-  std::vector<P*> slots;
+  std::vector<Slot> slots;
   slots.swap(slots_);
-  tags_.clear();
-  tags_.shrink_to_fit();
   count_ = 0;
   // Let go in a scrambled slot order: in slot order the keys would come in hash order, and
   // filling the dropped map's smaller table in hash order piles them into one long probe run.
   const U32 mask = static_cast<U32>(slots.size() - 1);
   for (U32 n = 0; n < slots.size(); ++n) {
-    P* p = slots[(n * 0x9E3779B1u) & mask];
-    if (!p) continue;
+    const Slot& s = slots[(n * 0x9E3779B1u) & mask];
+    if (!s.tag) continue;
+    P* p = &objectAt(s);
     const Ptr<P> held(p);
     p->deleteRef();
     release(held, keyOf(*held));
@@ -274,9 +273,9 @@ U32 LpmPrefixObjects<K, P>::locate(const K& key) const {
   const U32 h = key.hash();
   const U32 tag = tagOf(h);
   for (U32 i = h & mask;; i = (i + 1) & mask) {
-    const U32 t = tags_[i];
+    const U32 t = slots_[i].tag;
     if (t == 0) return kNone;
-    if (t == tag && slots_[i]->keyHash() == h && keyOf(*slots_[i]) == key) return i;
+    if (t == tag && keyOf(objectAt(slots_[i])) == key) return i;
   }
 }
 
@@ -285,47 +284,42 @@ void LpmPrefixObjects<K, P>::insert(P* p) {
   // At most three quarters full, so that a miss (every new route) ends after a few probes.
   if (4 * (count_ + 1) > 3 * slots_.size()) grow();
   const U32 mask = static_cast<U32>(slots_.size() - 1);
-  U32 i = p->keyHash() & mask;
-  while (tags_[i]) i = (i + 1) & mask;
-  slots_[i] = p;
-  tags_[i] = tagOf(p->keyHash());
+  const U32 h = keyOf(*p).hash();
+  U32 i = h & mask;
+  while (slots_[i].tag) i = (i + 1) & mask;
+  slots_[i] = Slot{tagOf(h), p->ref()};
   p->newRef();
   ++count_;
 }
 
 template <class K, class P>
 void LpmPrefixObjects<K, P>::grow() {
-  std::vector<P*> oldSlots(slots_.empty() ? 16 : 2 * slots_.size(), nullptr);
-  std::vector<U32> oldTags(oldSlots.size(), 0);
+  std::vector<Slot> oldSlots(slots_.empty() ? 16 : 2 * slots_.size());
   oldSlots.swap(slots_);
-  oldTags.swap(tags_);
   const U32 mask = static_cast<U32>(slots_.size() - 1);
-  for (U32 n = 0; n < oldSlots.size(); ++n) {
-    if (!oldTags[n]) continue;
-    U32 i = oldTags[n] & mask;
-    while (tags_[i]) i = (i + 1) & mask;
-    slots_[i] = oldSlots[n];
-    tags_[i] = oldTags[n];
+  for (const Slot& s : oldSlots) {
+    if (!s.tag) continue;
+    U32 i = s.tag & mask;
+    while (slots_[i].tag) i = (i + 1) & mask;
+    slots_[i] = s;
   }
 }
 
 // Backward-shift deletion keeps probe sequences unbroken without tombstones.
 template <class K, class P>
 void LpmPrefixObjects<K, P>::remove(U32 hole) {
-  P* gone = slots_[hole];
+  P& gone = objectAt(slots_[hole]);
   const U32 mask = static_cast<U32>(slots_.size() - 1);
-  for (U32 i = (hole + 1) & mask; tags_[i]; i = (i + 1) & mask) {
-    const U32 home = tags_[i] & mask;
+  for (U32 i = (hole + 1) & mask; slots_[i].tag; i = (i + 1) & mask) {
+    const U32 home = slots_[i].tag & mask;
     if (((i - home) & mask) >= ((i - hole) & mask)) {
       slots_[hole] = slots_[i];
-      tags_[hole] = tags_[i];
       hole = i;
     }
   }
-  slots_[hole] = nullptr;
-  tags_[hole] = 0;
+  slots_[hole] = Slot{};
   --count_;
-  gone->deleteRef();
+  gone.deleteRef();
 }
 
 template <class K, class P>

@@ -158,14 +158,14 @@ class LpmPrefixObjects {
   LpmPrefixObjects& operator=(const LpmPrefixObjects&) = delete;
   // The objects stay what they are for whoever still holds them.
   ~LpmPrefixObjects() {
-    for (P* p : slots_)
-      if (p) p->deleteRef();
+    for (const Slot& s : slots_)
+      if (s.tag) objectAt(s).deleteRef();
   }
 
   U32 size() const { return count_; }
   Ptr<P> get(const K& key) const {
     const U32 at = locate(key);
-    return at == kNone ? Ptr<P>() : Ptr<P>(slots_[at]);
+    return at == kNone ? Ptr<P>() : Ptr<P>(&objectAt(slots_[at]));
   }
   // The key's object, made on first use.
   Ptr<P> intern(const K& key);
@@ -180,10 +180,15 @@ class LpmPrefixObjects {
   void release(const Ptr<P>& p, const K& key);
   void pruneDropped();
 
-  // The index: open addressing over the objects themselves, which hold their key and its hash,
-  // so that an entry costs one pointer rather than a copy of the key beside it. Each slot holds
-  // a reference. Beside each slot, its hash with the top bit set (0 when empty): a new route's
-  // probe, growing and removing then read no object.
+  // The index: open addressing over the objects themselves, which hold their key, so that an
+  // entry costs the object's 32-bit name (LpmPrefix::ref) rather than a copy of the key. Each
+  // slot holds a reference. Beside the name, the key's hash with the top bit set (0 when empty):
+  // a new route's probe, growing and removing then read no object.
+  struct Slot {
+    U32 tag = 0;
+    U32 ref = 0;
+  };
+  static P& objectAt(const Slot& s) { return *static_cast<P*>(lpmPrefixAt(s.ref)); }
   U32 locate(const K& key) const;
   void insert(P* p);
   void remove(U32 at);
@@ -192,8 +197,7 @@ class LpmPrefixObjects {
   static U32 tagOf(U32 hash) { return hash | 0x80000000u; }
 
   U32 domain_;
-  std::vector<P*> slots_;
-  std::vector<U32> tags_;
+  std::vector<Slot> slots_;
   U32 count_ = 0;
   HashMap<K, Ptr<P>> dropped_;
   U32 droppedAtPrune_ = 0;

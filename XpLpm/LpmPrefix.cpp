@@ -183,8 +183,17 @@ int LpmPrefixV6::keyCompare(const LpmPrefix& o) const {
   return threeWay(vrfAndIp6Prefix_, static_cast<const LpmPrefixV6&>(o).vrfAndIp6Prefix_);
 }
 
-Ptr<LpmPrefixV4> lpmPrefixV4Factory(const VrfAndPrefix& key) { return makePtr<LpmPrefixV4>(key); }
-Ptr<LpmPrefixV6> lpmPrefixV6Factory(const VrfAndIp6Prefix& key) { return makePtr<LpmPrefixV6>(key); }
+Ptr<LpmPrefixV4> lpmPrefixV4Factory(const VrfAndPrefix& key) {
+  U32 handle;
+  void* at = PoolOf<LpmPrefixV4>::allocate(handle);
+  return Ptr<LpmPrefixV4>(::new (at) LpmPrefixV4(key, handle << 1));
+}
+
+Ptr<LpmPrefixV6> lpmPrefixV6Factory(const VrfAndIp6Prefix& key) {
+  U32 handle;
+  void* at = PoolOf<LpmPrefixV6>::allocate(handle);
+  return Ptr<LpmPrefixV6>(::new (at) LpmPrefixV6(key, handle << 1 | 1));
+}
 
 bool LpmPrefixList::operator==(const LpmPrefixList& o) const {
   return std::equal(begin(), end(), o.begin(), o.end(), [](const auto& a, const auto& b) {

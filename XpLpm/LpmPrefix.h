@@ -59,10 +59,9 @@ class LpmPrefix : public PtrInterface {
 
   // Value identity, so collections keyed by prefixes hash and order by content.
   virtual AddressFamily addressFamily() const { return AddressFamily::none; }
-  // Computed once: keys do not change.
-  U32 keyHash() const { return keyHash_; }
+  virtual U32 keyHash() const { return 0; }
   bool keyEquals(const LpmPrefix& o) const {
-    return this == &o || (keyHash_ == o.keyHash_ && addressFamily() == o.addressFamily() && keyCompare(o) == 0);
+    return this == &o || (addressFamily() == o.addressFamily() && keyCompare(o) == 0);
   }
   bool keyLess(const LpmPrefix& o) const {
     if (addressFamily() != o.addressFamily()) return addressFamily() < o.addressFamily();
@@ -70,15 +69,17 @@ class LpmPrefix : public PtrInterface {
   }
 
   LpmPrefixRecord& record() const { return record_; }
+  // The object's name in 32 bits (see lpmPrefixAt), for the collections that hold one per route.
+  U32 ref() const { return ref_; }
 
  protected:
   LpmPrefix() = default;
-  explicit LpmPrefix(U32 keyHash) : keyHash_(keyHash) {}
+  explicit LpmPrefix(U32 ref) : ref_(ref) {}
   // Compares with a prefix of the same family: negative, zero or positive.
   virtual int keyCompare(const LpmPrefix&) const { return 0; }
 
  private:
-  U32 keyHash_ = 0;
+  U32 ref_ = 0;
   // The collections' entries, not the key: a const prefix is still a member of them. Overlappable,
   // so that a derived key fills the record's tail padding (an IPv4 key object takes 80 bytes, not 88).
   [[no_unique_address]] mutable LpmPrefixRecord record_;
@@ -106,11 +107,12 @@ class LpmPrefixV4 : public LpmPrefix {
  public:
   using KeyMap = HashMap<VrfAndPrefix, bool>;
 
-  // One per route: from the pool, not the general heap.
-  static void* operator new(std::size_t) { return PoolOf<LpmPrefixV4>::allocate(); }
+  // One per route, from the pool, made by lpmPrefixV4Factory only: it names the object by its
+  // pool handle.
+  static void* operator new(std::size_t) = delete;
   static void operator delete(void* p) { PoolOf<LpmPrefixV4>::release(p); }
 
-  explicit LpmPrefixV4(const VrfAndPrefix& key) : LpmPrefix(key.hash()), vrfAndPrefix_(key) {}
+  LpmPrefixV4(const VrfAndPrefix& key, U32 ref) : LpmPrefix(ref), vrfAndPrefix_(key) {}
   LpmPrefixV4(const LpmPrefixV4&) = delete;
   LpmPrefixV4& operator=(const LpmPrefixV4&) = delete;
   ~LpmPrefixV4() override;
@@ -119,6 +121,7 @@ class LpmPrefixV4 : public LpmPrefix {
   SubTrieBranch branch(U8 branchLen) const override;
   std::string stringValue() const override;
   AddressFamily addressFamily() const override { return AddressFamily::ipv4; }
+  U32 keyHash() const override { return vrfAndPrefix_.hash(); }
 
   const VrfAndPrefix& vrfAndPrefix() const { return vrfAndPrefix_; }
 
@@ -189,16 +192,17 @@ class LpmPrefixV4 : public LpmPrefix {
 
 class LpmPrefixV6 : public LpmPrefix {
  public:
-  // One per route: from the pool, not the general heap.
-  static void* operator new(std::size_t) { return PoolOf<LpmPrefixV6>::allocate(); }
+  // One per route, from the pool, made by lpmPrefixV6Factory only.
+  static void* operator new(std::size_t) = delete;
   static void operator delete(void* p) { PoolOf<LpmPrefixV6>::release(p); }
 
-  explicit LpmPrefixV6(const VrfAndIp6Prefix& key) : LpmPrefix(key.hash()), vrfAndIp6Prefix_(key) {}
+  LpmPrefixV6(const VrfAndIp6Prefix& key, U32 ref) : LpmPrefix(ref), vrfAndIp6Prefix_(key) {}
 
   U8 len() const override { return vrfAndIp6Prefix_.prefix.len() + kVrfBits; }
   SubTrieBranch branch(U8 branchLen) const override;
   std::string stringValue() const override;
   AddressFamily addressFamily() const override { return AddressFamily::ipv6; }
+  U32 keyHash() const override { return vrfAndIp6Prefix_.hash(); }
 
   const VrfAndIp6Prefix& vrfAndIp6Prefix() const { return vrfAndIp6Prefix_; }
 
@@ -211,6 +215,13 @@ class LpmPrefixV6 : public LpmPrefix {
 
 Ptr<LpmPrefixV4> lpmPrefixV4Factory(const VrfAndPrefix& key);
 Ptr<LpmPrefixV6> lpmPrefixV6Factory(const VrfAndIp6Prefix& key);
+
+// The key object named `ref`: its pool handle, and whether it is an IPv6 one in the lowest bit.
+// Valid while the object lives.
+inline LpmPrefix* lpmPrefixAt(U32 ref) {
+  if (ref & 1) return static_cast<LpmPrefixV6*>(PoolOf<LpmPrefixV6>::fromHandle(ref >> 1));
+  return static_cast<LpmPrefixV4*>(PoolOf<LpmPrefixV4>::fromHandle(ref >> 1));
+}
 
 // The prefixes of one prefix-table write, in slot order: list index = slot.
 class LpmPrefixList {

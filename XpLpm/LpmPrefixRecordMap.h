@@ -46,7 +46,7 @@ class LpmPrefixRecordMap {
 
   // One entry, as a HashMap's iteration gives it.
   struct Entry {
-    const Ptr<LpmPrefix>& first;
+    Ptr<LpmPrefix> first;
     Value second;
   };
   class const_iterator {
@@ -105,7 +105,8 @@ class LpmPrefixRecordMap {
       if (keptHere(*p) && Field::at(r) == LpmPrefixRecord::kNowhere) {
         domain_ = r.domain;
         Field::at(r) = keys_.size();
-        keys_.push_back(p);
+        keys_.push_back(p->ref());
+        p->newRef();
         Field::put(r, v);
         return true;
       }
@@ -133,12 +134,13 @@ class LpmPrefixRecordMap {
     LpmPrefixRecord& r = keep->record();
     const U32 at = Field::at(r);
     if (at + 1 != keys_.size()) {
-      keys_[at] = std::move(keys_.back());
-      Field::at(keys_[at]->record()) = at;
+      keys_[at] = keys_.back();
+      Field::at(lpmPrefixAt(keys_[at])->record()) = at;
     }
     keys_.pop_back();
     Field::at(r) = LpmPrefixRecord::kNowhere;
     Field::put(r, Value());
+    keep->deleteRef();
     return true;
   }
 
@@ -155,13 +157,14 @@ class LpmPrefixRecordMap {
       const auto& e = *(spill_.begin() + i);
       return Entry{e.first, e.second};
     }
-    return Entry{keys_[i], Field::get(keys_[i]->record())};
+    LpmPrefix* k = lpmPrefixAt(keys_[i]);
+    return Entry{Ptr<LpmPrefix>(k), Field::get(k->record())};
   }
 
   // Whether this collection keeps p's entry in p's record.
   bool holds(const LpmPrefix& p) const {
     const U32 at = Field::at(p.record());
-    return at < keys_.size() && keys_[at].ptr() == &p;
+    return at < keys_.size() && keys_[at] == p.ref();
   }
   // Whether p is its configuration's one object for its key, of the configuration whose objects
   // this collection keeps: then no other key object of p's key can be here.
@@ -173,18 +176,20 @@ class LpmPrefixRecordMap {
   // Moves every entry out of the records into a plain map, in the same order.
   void spill() {
     for (U32 i = 0; i < keys_.size(); ++i) {
-      const Ptr<LpmPrefix>& k = keys_[i];
+      const Ptr<LpmPrefix> k(lpmPrefixAt(keys_[i]));
       LpmPrefixRecord& r = k->record();
       spill_.set(k, Field::get(r));
       Field::at(r) = LpmPrefixRecord::kNowhere;
       Field::put(r, Value());
+      k->deleteRef();
     }
     keys_.clear();
     domain_ = 0;
     spilled_ = true;
   }
 
-  ChunkedVector<Ptr<LpmPrefix>> keys_;
+  // The keys by name (LpmPrefix::ref), each holding a reference: half the room of a Ptr.
+  ChunkedVector<U32> keys_;
   U32 domain_ = 0;
   bool spilled_ = false;
   LpmPrefixMap<Value> spill_;
