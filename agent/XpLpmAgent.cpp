@@ -662,11 +662,7 @@ void XpLpmAgent::leaveGroup(const Ptr<XpLpm::LpmPrefix>& prefix) {
   record.ownerAt = XpLpm::LpmPrefixRecord::kNowhere;
   Group* g = groups_.find(recordGroup(prefix));
   if (!g) return;
-  if (at + 1 != g->routes.size()) {
-    g->routes[at] = std::move(g->routes.back());
-    g->routes[at]->record().ownerAt = at;
-  }
-  g->routes.pop_back();
+  if (const Ptr<XpLpm::LpmPrefix> moved = g->routes.removeAt(at)) moved->record().ownerAt = at;
 }
 
 RouteResult XpLpmAgent::recordResult(const Ptr<XpLpm::LpmPrefix>& p) {

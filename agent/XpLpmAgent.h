@@ -255,11 +255,61 @@ class XpLpmAgent {
   U64 withdrawalsDeferred() const { return deferred_.size(); }
 
  private:
+  // A group's routes, of both families, in the order they joined; a route that leaves is replaced
+  // by the last one. Each is held by its key object's 32-bit name, with a reference.
+  class RouteList {
+   public:
+    class const_iterator {
+     public:
+      explicit const_iterator(const U32* at) : at_(at) {}
+      Ptr<XpLpm::LpmPrefix> operator*() const { return Ptr<XpLpm::LpmPrefix>(XpLpm::lpmPrefixAt(*at_)); }
+      const_iterator& operator++() {
+        ++at_;
+        return *this;
+      }
+      bool operator!=(const const_iterator& o) const { return at_ != o.at_; }
+
+     private:
+      const U32* at_;
+    };
+
+    RouteList() = default;
+    RouteList(const RouteList&) = delete;
+    RouteList& operator=(const RouteList&) = delete;
+    RouteList(RouteList&& o) noexcept : refs_(std::move(o.refs_)) {}
+    RouteList& operator=(RouteList&& o) noexcept {
+      std::swap(refs_, o.refs_);
+      return *this;
+    }
+    ~RouteList() {
+      for (const U32 ref : refs_) XpLpm::lpmPrefixAt(ref)->deleteRef();
+    }
+
+    U32 size() const { return static_cast<U32>(refs_.size()); }
+    bool empty() const { return refs_.empty(); }
+    Ptr<XpLpm::LpmPrefix> operator[](U32 i) const { return Ptr<XpLpm::LpmPrefix>(XpLpm::lpmPrefixAt(refs_[i])); }
+    const_iterator begin() const { return const_iterator(refs_.data()); }
+    const_iterator end() const { return const_iterator(refs_.data() + refs_.size()); }
+    void push_back(const Ptr<XpLpm::LpmPrefix>& p) {
+      refs_.push_back(p->ref());
+      p->newRef();
+    }
+    // Removes the route at `at`; the last one takes its place and is returned, or null.
+    Ptr<XpLpm::LpmPrefix> removeAt(U32 at) {
+      const Ptr<XpLpm::LpmPrefix> gone = (*this)[at];
+      refs_[at] = refs_.back();
+      refs_.pop_back();
+      gone->deleteRef();
+      return at < refs_.size() ? (*this)[at] : Ptr<XpLpm::LpmPrefix>();
+    }
+
+   private:
+    std::vector<U32> refs_;
+  };
+
   struct Group {
     Nway width;
-    // The group's routes, of both families, in the order they joined; a route that leaves is
-    // replaced by the last one. Each route's record knows its place here.
-    std::vector<Ptr<XpLpm::LpmPrefix>> routes;
+    RouteList routes;
     NextHopBlock read;  // the block its routes were last pointed at
     // Its number in groupOfTag_, which its routes' records carry: half the room of its id.
     U32 tag = 0;
