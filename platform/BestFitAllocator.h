@@ -57,6 +57,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/ObjectPool.h"
 #include "platform/Ptr.h"
 #include "platform/Types.h"
 
@@ -188,6 +189,10 @@ class Blk final : public PtrInterface {
   // One past the last entry.
   U32 end() const { return base_ + sz_; }
   BestFitAllocator* allocator() const { return allocator_.ptr(); }
+
+  // One per NHI block in use: from the pool, not the heap, whose header and rounding add half.
+  static void* operator new(std::size_t) { return PoolOf<Blk>::allocate(); }
+  static void operator delete(void* p) { PoolOf<Blk>::release(p); }
 
  private:
   friend class BestFitAllocator;
