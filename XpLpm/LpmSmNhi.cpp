@@ -186,9 +186,11 @@ NhiInfoKey LpmSm::generateNhiInfoKey(const Ptr<SubTrie>& subTrie) const {
   NhiInfoKey& key = keyScratch_;
   key.clearKeepingRoom();
   if (subTrie->numPrefixes()) key.reserve(subTrie->numPrefixes());
-  const auto& slots = subTrie->slots();
-  for (std::size_t s = 0; s < slots.size(); ++s)
-    if (slots[s]) key.newSlotToNextHopBlock(static_cast<U8>(s), requestedBlock(slots[s]));
+  U8 slot = 0;
+  for (const Ptr<LpmPrefix>& p : subTrie->slots()) {
+    if (p) key.newSlotToNextHopBlock(slot, requestedBlock(p));
+    ++slot;
+  }
   XP_TRACE(7, "LpmSm::generateNhiInfoKey nhiInfoKey " << key);
   return key;
 }

@@ -1,6 +1,7 @@
 // Sub-trie slot management and the capacity rule of one prefix-table entry.
 #include "XpLpm/SubTrie.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include "XpLpm/PrefixTable.h"
@@ -13,27 +14,46 @@ namespace XpLpm {
 U32 SubTrie::entrySize() const { return table_->tableConfig()->entrySize(); }
 
 void SubTrie::prefixIs(U8 slot, const Ptr<LpmPrefix>& p) {
-  if (slot >= slots_.size()) slots_.resize(slot + 1);
-  if (slots_[slot] && !p) --numPrefixes_;
-  if (!slots_[slot] && p) ++numPrefixes_;
-  slots_[slot] = p;
+  if (slot >= slotCount_) {
+    if (slot >= slotRoom_) {
+      // Room in powers of two from 4: a sub-trie fills slot by slot.
+      U16 room = std::max<U16>(slotRoom_, 4);
+      while (room <= slot) room = static_cast<U16>(2 * room);
+      auto grown = std::make_unique<U32[]>(room);
+      std::copy_n(slots_.get(), slotCount_, grown.get());
+      slots_ = std::move(grown);
+      slotRoom_ = room;
+    }
+    std::fill(slots_.get() + slotCount_, slots_.get() + slot + 1, kFree);
+    slotCount_ = static_cast<U16>(slot + 1);
+  }
+  U32& held = slots_[slot];
+  if (p) p->newRef();
+  if (held != kFree) {
+    --numPrefixes_;
+    lpmPrefixAt(held)->deleteRef();
+  }
+  held = p ? p->ref() : kFree;
+  numPrefixes_ += held != kFree;
 }
 
 void SubTrie::prefixDel(U8 slot) {
-  if (slot >= slots_.size() || !slots_[slot]) return;
-  slots_[slot] = nullptr;
-  --numPrefixes_;
-  while (!slots_.empty() && !slots_.back()) slots_.pop_back();
+  if (slot >= slotCount_ || slots_[slot] == kFree) return;
+  prefixIs(slot, nullptr);
+  while (slotCount_ && slots_[slotCount_ - 1] == kFree) --slotCount_;
 }
 
 void SubTrie::prefixDelAll() {
-  slots_.clear();
+  for (U32 s = 0; s < slotCount_; ++s)
+    if (slots_[s] != kFree) lpmPrefixAt(slots_[s])->deleteRef();
+  slots_.reset();
+  slotCount_ = slotRoom_ = 0;
   numPrefixes_ = 0;
 }
 
 std::optional<U8> SubTrie::prefixToSlot(const Ptr<LpmPrefix>& p) const {
-  for (std::size_t s = 0; s < slots_.size(); ++s)
-    if (slots_[s] && LpmPrefixEq()(slots_[s], p)) return static_cast<U8>(s);
+  for (U32 s = 0; s < slotCount_; ++s)
+    if (slots_[s] != kFree && (slots_[s] == p->ref() || lpmPrefixAt(slots_[s])->keyEquals(*p))) return static_cast<U8>(s);
   return std::nullopt;
 }
 
@@ -87,13 +107,12 @@ void SubTrie::removePrefix(const Ptr<LpmPrefix>& p) {
 void SubTrie::compactPrefixes() {
   U8 c = 0;
   const bool tracing = Trace::on(6);
-  for (std::size_t s = 0; s < slots_.size(); ++s) {
-    if (!slots_[s]) continue;
-    if (tracing) XP_TRACE_ON(6, "SubTrie::compactPrefixes lpmPrefix " << *slots_[s] << " slot " << +c);
-    if (s != c) slots_[c] = std::move(slots_[s]);
-    ++c;
+  for (U32 s = 0; s < slotCount_; ++s) {
+    if (slots_[s] == kFree) continue;
+    if (tracing) XP_TRACE_ON(6, "SubTrie::compactPrefixes lpmPrefix " << *lpmPrefixAt(slots_[s]) << " slot " << +c);
+    slots_[c++] = slots_[s];
   }
-  slots_.resize(c);
+  slotCount_ = c;
   maxPrefixSlot_ = c;
   const U32 length = (entrySize() - branchLen_) / stride_;
   if (length > 0 && prefixBitmap_ && prefixBitmap_->length() == length && prefixBitmap_->references() == 1) {
@@ -140,8 +159,8 @@ void SubTrie::dump() const {
 
 void SubTrie::verify() const {
   U32 occupied = 0;
-  for (std::size_t s = 0; s < slots_.size(); ++s) {
-    const bool held = static_cast<bool>(slots_[s]);
+  for (U32 s = 0; s < slotCount_; ++s) {
+    const bool held = slots_[s] != kFree;
     occupied += held;
     XP_ASSERT_V(!held || s < maxPrefixSlot_, " slot " << s << " subtrie " << str());
     XP_ASSERT_V(!prefixBitmap_ || held == prefixBitmap_->isSet(static_cast<U32>(s)), " slot " << s << " subtrie " << str());
@@ -151,7 +170,7 @@ void SubTrie::verify() const {
 }
 
 std::size_t SubTrie::heapBytes() const {
-  return slots_.capacity() * sizeof(Ptr<LpmPrefix>) + nhiInfoKey_.heapBytes() + (prefixBitmap_ ? sizeof(Bitmap) : 0);
+  return slotRoom_ * sizeof(U32) + nhiInfoKey_.heapBytes() + (prefixBitmap_ ? sizeof(Bitmap) : 0);
 }
 
 Ptr<SubTrie> subTrieFactory(PrefixTableIdx index, const SubTrieBranch& branch, U8 branchLen, U8 stride,

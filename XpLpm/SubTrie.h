@@ -28,9 +28,40 @@ class PrefixTable;
 
 class SubTrie : public PtrInterface {
  public:
+  // The slots as a sequence of prefixes, index = slot, null = free.
+  class Slots {
+   public:
+    class const_iterator {
+     public:
+      explicit const_iterator(const U32* at) : at_(at) {}
+      Ptr<LpmPrefix> operator*() const { return prefixOf(*at_); }
+      const_iterator& operator++() {
+        ++at_;
+        return *this;
+      }
+      bool operator!=(const const_iterator& o) const { return at_ != o.at_; }
+
+     private:
+      const U32* at_;
+    };
+
+    Slots(const U32* refs, U32 size) : refs_(refs), size_(size) {}
+    U32 size() const { return size_; }
+    Ptr<LpmPrefix> operator[](U32 slot) const { return prefixOf(refs_[slot]); }
+    const_iterator begin() const { return const_iterator(refs_); }
+    const_iterator end() const { return const_iterator(refs_ + size_); }
+
+   private:
+    const U32* refs_;
+    U32 size_;
+  };
+
   SubTrie(PrefixTableIdx index, const SubTrieBranch& branch, U8 branchLen, U8 stride, SubTrieMode mode,
           PrefixTable* table)
       : index_(index), branch_(branch), branchLen_(branchLen), stride_(stride), mode_(mode), table_(table) {}
+  SubTrie(const SubTrie&) = delete;
+  SubTrie& operator=(const SubTrie&) = delete;
+  ~SubTrie() override { prefixDelAll(); }
 
   // One per prefix-table entry in use: from the pool, not the heap.
   static void* operator new(std::size_t) { return PoolOf<SubTrie>::allocate(); }
@@ -60,7 +91,7 @@ class SubTrie : public PtrInterface {
   void maxPrefixSlotIs(U8 n) { maxPrefixSlot_ = n; }
 
   // Prefixes by slot.
-  Ptr<LpmPrefix> prefix(U8 slot) const { return slot < slots_.size() ? slots_[slot] : Ptr<LpmPrefix>(); }
+  Ptr<LpmPrefix> prefix(U8 slot) const { return slot < slotCount_ ? prefixOf(slots_[slot]) : Ptr<LpmPrefix>(); }
   U32 prefixs() const { return numPrefixes_; }
   U32 numPrefixes() const { return numPrefixes_; }
   void prefixIs(U8 slot, const Ptr<LpmPrefix>& p);
@@ -70,8 +101,8 @@ class SubTrie : public PtrInterface {
   std::optional<U8> prefixToSlot(const Ptr<LpmPrefix>& p) const;
   // The slot view is the inverse of the prefix view by construction: both are one array.
   void prefixToSlotIs(const Ptr<LpmPrefix>& p, U8 slot) { prefixIs(slot, p); }
-  // The slots array itself, index = slot, null = free; may be shorter than maxPrefixSlot.
-  const std::vector<Ptr<LpmPrefix>>& slots() const { return slots_; }
+  // The slots, index = slot, null = free; may be fewer than maxPrefixSlot.
+  Slots slots() const { return Slots(slots_.get(), slotCount_); }
 
   const Ptr<Bitmap>& prefixBitmap() const { return prefixBitmap_; }
   void prefixBitmapIs(U64 id, U32 size, Bitmap::BitState initial) { prefixBitmap_ = makePtr<Bitmap>(id, size, initial); }
@@ -98,6 +129,8 @@ class SubTrie : public PtrInterface {
   std::size_t heapBytes() const;
 
  private:
+  static constexpr U32 kFree = 0xFFFFFFFFu;
+  static Ptr<LpmPrefix> prefixOf(U32 ref) { return ref == kFree ? Ptr<LpmPrefix>() : Ptr<LpmPrefix>(lpmPrefixAt(ref)); }
   U32 entrySize() const;
 
   PrefixTableIdx index_;
@@ -108,11 +141,15 @@ class SubTrie : public PtrInterface {
   U8 maxPrefixSlot_ = 0;
   SubTrieMode mode_;
   U32 numPrefixes_ = 0;
-  PrefixTable* table_;
+  // The slot array's length (up to the last slot in use) and room, in slots.
+  U16 slotCount_ = 0, slotRoom_ = 0;
   NhiTableIdx nhiBaseIdx_;
+  PrefixTable* table_;
   NhiInfoKey nhiInfoKey_;
   Ptr<Bitmap> prefixBitmap_;
-  std::vector<Ptr<LpmPrefix>> slots_;
+  // The prefixes by slot, each by its 32-bit name (LpmPrefix::ref) holding a reference, kFree when
+  // free: both directions of the slot <-> prefix mapping in one small array, 4 bytes a slot.
+  std::unique_ptr<U32[]> slots_;
 };
 
 Ptr<SubTrie> subTrieFactory(PrefixTableIdx index, const SubTrieBranch& branch, U8 branchLen, U8 stride,
