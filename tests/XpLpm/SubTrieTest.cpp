@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -177,6 +178,34 @@ TEST(SubTrieDeathTest, BrokenPreconditionsAreFatal) {
   EXPECT_DEATH(st->allocatePrefixBitmap(), "Failed\\(!prefixBitmap\\(\\)\\)");
   auto flat = subTrieFactory(PrefixTableIdx(0), SubTrieBranch(), 24, 0, modeSparse, table.ptr());
   EXPECT_DEATH(flat->allocatePrefixBitmap(), "Failed\\(stride\\(\\)\\)");
+}
+
+// An NHI block's user set keeps its first user inline and makes a map for a second: through
+// every change it must hold and order its users exactly as the map alone would, since the NHI
+// moves rewrite the users in that order.
+TEST(SubTrieSetTest, HoldsAndOrdersUsersAsAPlainMapThroughInlineAndMapStates) {
+  std::vector<Ptr<SubTrie>> pool;
+  for (U32 i = 0; i < 5; ++i)
+    pool.push_back(subTrieFactory(PrefixTableIdx(i), SubTrieBranch(), 24, 8, modeSparse, nullptr));
+  std::mt19937 rng(20261125);
+  SubTrieSet set;
+  SubTrieSet::Map reference;
+  for (int step = 0; step < 4000; ++step) {
+    const Ptr<SubTrie>& st = pool[rng() % pool.size()];
+    if (rng() % 3 == 0) {
+      set.subTrieDel(st);
+      reference.erase(st);
+    } else {
+      set.subTrieIs(st);
+      reference.set(st, true);
+    }
+    std::vector<SubTrie*> got, want;
+    for (const auto& [user, unused] : set) got.push_back(user.ptr());
+    for (const auto& [user, unused] : reference) want.push_back(user.ptr());
+    ASSERT_EQ(got, want) << "step " << step;
+    ASSERT_EQ(set.subTries(), reference.size());
+    for (const Ptr<SubTrie>& candidate : pool) ASSERT_EQ(set.subTrie(candidate), reference.contains(candidate));
+  }
 }
 
 }  // namespace
