@@ -3,10 +3,10 @@
 #include "agent/XpLpmAgent.h"
 
 #include <algorithm>
-#include <functional>
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string_view>
