@@ -152,9 +152,11 @@ void LpmSm::processNhiDefrag(NhiTileIdx tile, const Ptr<PendingCmds>& defragCmds
     const NhiTableIdx newIdx(tile, static_cast<U16>(move.blk->base()));
     Ptr<SubTrieSet> subTrieSetOld = nhiBaseIdxToSubTrie(oldIdx);
     if (!subTrieSetOld) XP_FAIL("subTrieSetOld", " oldNhiIdx " << oldIdx);
-    Ptr<SubTrieSet>& subTrieSetNew = nhiBaseIdxToSubTrie_[newIdx];
-    if (!subTrieSetNew) subTrieSetNew = subTrieSetFactory();
-    Ptr<SubTrieSet> newSet = subTrieSetNew;  // the map may move entries while we work
+    Ptr<SubTrieSet> newSet = nhiBaseIdxToSubTrie(newIdx);
+    if (!newSet) {
+      newSet = subTrieSetFactory();
+      nhiBaseIdxToSubTrie_.set(newIdx, newSet);
+    }
 
     while (subTrieSetOld->subTries() > 0) {
       Ptr<SubTrie> subTrie = subTrieSetOld->begin()->first;
@@ -221,8 +223,11 @@ Ptr<NhiInfo> LpmSm::allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKe
     nhiInfo->subTrieCountIs(0);
     XP_TRACE(7, "LpmSm::allocateNhiInfo nhiInfo created " << nhiInfo->str());
   }
-  Ptr<SubTrieSet>& set = nhiBaseIdxToSubTrie_[nhiBaseIdx];
-  if (!set) set = subTrieSetFactory();
+  Ptr<SubTrieSet> set = nhiBaseIdxToSubTrie(nhiBaseIdx);
+  if (!set) {
+    set = subTrieSetFactory();
+    nhiBaseIdxToSubTrie_.set(nhiBaseIdx, set);
+  }
   set->subTrieIs(subTrie);
   nhiInfo->subTrieCountInc(1);
   if (nhiInfo->subTrieCount() > 1) nhiSharedDeleteNeed_ += nhiBlockSize(static_cast<U8>(key.slotToNextHopBlocks() - 1));

@@ -16,6 +16,7 @@
 
 #include "XpLpm/Config.h"
 #include "XpLpm/NhiInfo.h"
+#include "XpLpm/NhiPositionMap.h"
 #include "XpLpm/PrefixTable.h"
 #include "XpLpm/RestartHelperBase.h"
 #include "XpLpm/Status.h"
@@ -148,12 +149,12 @@ class LpmSm : public PtrInterface {
   void nhiAllocatorIs(NhiTileIdx tile, const Ptr<BestFitAllocator>& a) { nhiAllocator_.set(tile, a); }
 
   Ptr<Blk> nhiBaseIdxToBlk(const NhiTableIdx& idx) const { return nhiBaseIdxToBlk_.get(idx); }
-  const HashMap<NhiTableIdx, Ptr<Blk>>& nhiBaseIdxToBlkMap() const { return nhiBaseIdxToBlk_; }
+  const NhiPositionMap<Ptr<Blk>>& nhiBaseIdxToBlkMap() const { return nhiBaseIdxToBlk_; }
   void nhiBaseIdxToBlkIs(const NhiTableIdx& idx, const Ptr<Blk>& blk) { nhiBaseIdxToBlk_.set(idx, blk); }
   void nhiBaseIdxToBlkDel(const NhiTableIdx& idx) { nhiBaseIdxToBlk_.erase(idx); }
 
   Ptr<SubTrieSet> nhiBaseIdxToSubTrie(const NhiTableIdx& idx) const { return nhiBaseIdxToSubTrie_.get(idx); }
-  const HashMap<NhiTableIdx, Ptr<SubTrieSet>>& nhiBaseIdxToSubTrieMap() const { return nhiBaseIdxToSubTrie_; }
+  const NhiPositionMap<Ptr<SubTrieSet>>& nhiBaseIdxToSubTrieMap() const { return nhiBaseIdxToSubTrie_; }
 
   Ptr<NhiInfo> sharedNhi(const NhiInfoKey& key) const { return sharedNhi_.get(key); }
   const HashMap<NhiInfoKey, Ptr<NhiInfo>, NhiInfoKeyHash>& sharedNhiMap() const { return sharedNhi_; }
@@ -219,8 +220,8 @@ class LpmSm : public PtrInterface {
   Ptr<RestartHelperBase> restartHelper_;
   HashMap<PrefixTableId, Ptr<PrefixTable>> prefixTable_;
   HashMap<NhiTileIdx, Ptr<BestFitAllocator>> nhiAllocator_;
-  HashMap<NhiTableIdx, Ptr<Blk>> nhiBaseIdxToBlk_;
-  HashMap<NhiTableIdx, Ptr<SubTrieSet>> nhiBaseIdxToSubTrie_;
+  NhiPositionMap<Ptr<Blk>> nhiBaseIdxToBlk_;
+  NhiPositionMap<Ptr<SubTrieSet>> nhiBaseIdxToSubTrie_;
   HashMap<NhiInfoKey, Ptr<NhiInfo>, NhiInfoKeyHash> sharedNhi_;
   LpmPrefixRecordMap<SubTrieField> prefixToSubTrie_;
   U64 numNhiOverflow_ = 0;
