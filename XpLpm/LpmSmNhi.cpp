@@ -240,21 +240,26 @@ Ptr<NhiInfo> LpmSm::allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKe
 
 void LpmSm::releaseNhiInfo(const Ptr<SubTrie>& subTrie) {
   XP_TRACE(7, "LpmSm::releaseNhiInfo subtrie " << *subTrie);
-  const NhiInfoKey nhiInfoKey = subTrie->nhiInfoKey();
+  // Nothing below changes the sub-trie's key.
+  const NhiInfoKey& nhiInfoKey = subTrie->nhiInfoKey();
   if (nhiInfoKey == NhiInfoKey()) {
     XP_TRACE(7, "LpmSm::releaseNhiInfo nhiInfoKey not present ");
     return;
   }
-  // One probe of each map, for its check and its value.
+  // One probe of each map, for its check and its value. The users are looked up first by the
+  // sub-trie's base, which is the record's unless the model is broken, so that the two lookups
+  // do not wait for each other: each is a cache miss in a full table. Both entries stay until
+  // their maps drop them at the end.
+  const Ptr<SubTrieSet>* users = nhiBaseIdxToSubTrie_.find(subTrie->nhiBaseIdx());
   const Ptr<NhiInfo>* shared = sharedNhi_.find(nhiInfoKey);
   XP_ASSERT_TEXT_V(shared, "sharedNhiIterator().isMemberOf( nhiInfoKey )", " subtrie " << *subTrie);
-  Ptr<NhiInfo> nhiInfo = *shared;
+  NhiInfo* const nhiInfo = shared->ptr();
   XP_ASSERT_V(nhiInfo, " subtrie " << *subTrie);
   const NhiTableIdx nhiBaseIdx = nhiInfo->nhiBaseIdx();
-  const Ptr<SubTrieSet>* users = nhiBaseIdxToSubTrie_.find(nhiBaseIdx);
+  if (nhiBaseIdx != subTrie->nhiBaseIdx()) users = nhiBaseIdxToSubTrie_.find(nhiBaseIdx);
   XP_ASSERT_TEXT_V(users, "nhiBaseIdxToSubTrieIterator().isMemberOf( nhiBaseIdx )", " subtrie " << *subTrie);
   XP_ASSERT_V(subTrie->nhiBaseIdx() == nhiInfo->nhiBaseIdx(), " subtrie " << *subTrie << " nhiInfo " << nhiInfo->str());
-  Ptr<SubTrieSet> subTrieSet = *users;
+  SubTrieSet* const subTrieSet = users->ptr();
   XP_ASSERT_V(subTrieSet, " subtrie " << *subTrie);
   XP_ASSERT_TEXT_V(subTrieSet->subTrie(subTrie), "subTrieSet->subTrieIterator().isMemberOf( subTrie )",
                    " subtrie " << *subTrie);
