@@ -223,6 +223,25 @@ inline LpmPrefix* lpmPrefixAt(U32 ref) {
   return static_cast<LpmPrefixV4*>(PoolOf<LpmPrefixV4>::fromHandle(ref >> 1));
 }
 
+// The name of no key object: a free place in a sequence of names.
+inline constexpr U32 kNoLpmPrefix = 0xFFFFFFFFu;
+inline Ptr<LpmPrefix> lpmPrefixOf(U32 ref) { return ref == kNoLpmPrefix ? Ptr<LpmPrefix>() : Ptr<LpmPrefix>(lpmPrefixAt(ref)); }
+
+// Walks an array of names as the key objects they name (null for kNoLpmPrefix).
+class LpmPrefixRefIterator {
+ public:
+  explicit LpmPrefixRefIterator(const U32* at) : at_(at) {}
+  Ptr<LpmPrefix> operator*() const { return lpmPrefixOf(*at_); }
+  LpmPrefixRefIterator& operator++() {
+    ++at_;
+    return *this;
+  }
+  bool operator!=(const LpmPrefixRefIterator& o) const { return at_ != o.at_; }
+
+ private:
+  const U32* at_;
+};
+
 // The prefixes of one prefix-table write, in slot order: list index = slot.
 class LpmPrefixList {
  public:

@@ -31,23 +31,11 @@ class SubTrie : public PtrInterface {
   // The slots as a sequence of prefixes, index = slot, null = free.
   class Slots {
    public:
-    class const_iterator {
-     public:
-      explicit const_iterator(const U32* at) : at_(at) {}
-      Ptr<LpmPrefix> operator*() const { return prefixOf(*at_); }
-      const_iterator& operator++() {
-        ++at_;
-        return *this;
-      }
-      bool operator!=(const const_iterator& o) const { return at_ != o.at_; }
-
-     private:
-      const U32* at_;
-    };
+    using const_iterator = LpmPrefixRefIterator;
 
     Slots(const U32* refs, U32 size) : refs_(refs), size_(size) {}
     U32 size() const { return size_; }
-    Ptr<LpmPrefix> operator[](U32 slot) const { return prefixOf(refs_[slot]); }
+    Ptr<LpmPrefix> operator[](U32 slot) const { return lpmPrefixOf(refs_[slot]); }
     const_iterator begin() const { return const_iterator(refs_); }
     const_iterator end() const { return const_iterator(refs_ + size_); }
 
@@ -91,7 +79,7 @@ class SubTrie : public PtrInterface {
   void maxPrefixSlotIs(U8 n) { maxPrefixSlot_ = n; }
 
   // Prefixes by slot.
-  Ptr<LpmPrefix> prefix(U8 slot) const { return slot < slotCount_ ? prefixOf(slots_[slot]) : Ptr<LpmPrefix>(); }
+  Ptr<LpmPrefix> prefix(U8 slot) const { return slot < slotCount_ ? lpmPrefixOf(slots_[slot]) : Ptr<LpmPrefix>(); }
   U32 prefixs() const { return numPrefixes_; }
   U32 numPrefixes() const { return numPrefixes_; }
   void prefixIs(U8 slot, const Ptr<LpmPrefix>& p);
@@ -129,8 +117,7 @@ class SubTrie : public PtrInterface {
   std::size_t heapBytes() const;
 
  private:
-  static constexpr U32 kFree = 0xFFFFFFFFu;
-  static Ptr<LpmPrefix> prefixOf(U32 ref) { return ref == kFree ? Ptr<LpmPrefix>() : Ptr<LpmPrefix>(lpmPrefixAt(ref)); }
+  static constexpr U32 kFree = kNoLpmPrefix;
   U32 entrySize() const;
 
   PrefixTableIdx index_;

@@ -259,19 +259,7 @@ class XpLpmAgent {
   // by the last one. Each is held by its key object's 32-bit name, with a reference.
   class RouteList {
    public:
-    class const_iterator {
-     public:
-      explicit const_iterator(const U32* at) : at_(at) {}
-      Ptr<XpLpm::LpmPrefix> operator*() const { return Ptr<XpLpm::LpmPrefix>(XpLpm::lpmPrefixAt(*at_)); }
-      const_iterator& operator++() {
-        ++at_;
-        return *this;
-      }
-      bool operator!=(const const_iterator& o) const { return at_ != o.at_; }
-
-     private:
-      const U32* at_;
-    };
+    using const_iterator = XpLpm::LpmPrefixRefIterator;
 
     RouteList() = default;
     RouteList(const RouteList&) = delete;
