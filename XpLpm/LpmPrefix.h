@@ -73,13 +73,15 @@ class LpmPrefix : public PtrInterface {
   U32 ref() const { return ref_; }
 
  protected:
+  // A bare prefix names nothing: it is no route, and no collection holds it by name.
   LpmPrefix() = default;
+  // `ref` names the object (see lpmPrefixAt): the factories make every route's key object.
   explicit LpmPrefix(U32 ref) : ref_(ref) {}
   // Compares with a prefix of the same family: negative, zero or positive.
   virtual int keyCompare(const LpmPrefix&) const { return 0; }
 
  private:
-  U32 ref_ = 0;
+  U32 ref_ = 0xFFFFFFFFu;
   // The collections' entries, not the key: a const prefix is still a member of them. Overlappable,
   // so that a derived key fills the record's tail padding (an IPv4 key object takes 80 bytes, not 88).
   [[no_unique_address]] mutable LpmPrefixRecord record_;

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
@@ -57,7 +58,9 @@ class ObjectPool {
   static void* allocate(U32& handle) {
 #ifdef XPLPM_POOL_OFF
     // Each object from the heap, so that a sanitizer sees its lifetime; its handle sits in front.
+    // The thread-safe build may make objects in several threads: the handles are shared.
     ObjectPool& p = instance();
+    const std::lock_guard<std::mutex> lock(p.mutex_);
     if (p.freeHandles_.empty()) {
       p.freeHandles_.push_back(static_cast<U32>(p.byHandle_.size()));
       p.byHandle_.push_back(nullptr);
@@ -80,6 +83,7 @@ class ObjectPool {
   static void release(void* object) {
 #ifdef XPLPM_POOL_OFF
     ObjectPool& p = instance();
+    const std::lock_guard<std::mutex> lock(p.mutex_);
     auto* base = static_cast<std::byte*>(object) - kHeader;
     const U32 handle = *reinterpret_cast<U32*>(base);
     p.byHandle_[handle] = nullptr;
@@ -94,7 +98,9 @@ class ObjectPool {
   // The object allocated under `handle`.
   static void* fromHandle(U32 handle) {
 #ifdef XPLPM_POOL_OFF
-    return instance().byHandle_[handle];
+    ObjectPool& p = instance();
+    const std::lock_guard<std::mutex> lock(p.mutex_);
+    return p.byHandle_[handle];
 #else
     return instance().chunks_[handle / kPerChunk].get() + (handle % kPerChunk) * kSize;
 #endif
@@ -143,6 +149,7 @@ class ObjectPool {
   // The chunks by address: (start, number).
   std::vector<std::pair<const std::byte*, U32>> byAddress_;
 #ifdef XPLPM_POOL_OFF
+  std::mutex mutex_;
   std::vector<void*> byHandle_;
   std::vector<U32> freeHandles_;
 #endif
