@@ -82,6 +82,13 @@ void mix(U64& digest, U32 tile, U32 offset, const XpXdk::xpLpmNhiEntry& e) {
 
 U64 positionKey(U32 a, U32 b) { return (U64(a) << 32) | b; }
 
+// Whether two prefix commands ask for the same entry at the same place.
+bool sameCommand(const XpLpm::PrefixCommand& a, const XpLpm::PrefixCommand& b) {
+  return a.tableId() == b.tableId() && a.index() == b.index() && a.nhiBaseIdx() == b.nhiBaseIdx() &&
+         a.branchLen() == b.branchLen() && a.stride() == b.stride() && a.mode() == b.mode() && a.branch() == b.branch() &&
+         a.prefixList() == b.prefixList();
+}
+
 }  // namespace
 
 HwWriter::HwWriter(const Ptr<XpLpm::Status>& status, const Ptr<XpLpm::ConfigBase>& config, const XpLpm::LpmSm* sm,
@@ -135,6 +142,7 @@ bool HwWriter::writeNhi(U32 tile, U32 offset, const XpXdk::xpLpmNhiEntry& entry)
 }
 
 bool HwWriter::clearPrefixEntry(U32 table, U32 offset) {
+  lastPrefixCmd_ = nullptr;
   XpXdk::xpLpmPrefixEntry held;
   if (mgr_->readPrefixEntry(0, table, offset, &held, 0) != XpXdk::XP_NO_ERR) return false;
   return writePrefix(table, offset, XpXdk::xpLpmPrefixEntry(), held);
@@ -146,6 +154,8 @@ void HwWriter::drain() {
 }
 
 void HwWriter::drainQueue() {
+  // Between drains the chip may have been written by others.
+  lastPrefixCmd_ = nullptr;
   if (sm_->numNhiBlockDefrag() != compactionsSeen_) {
     compactionsSeen_ = sm_->numNhiBlockDefrag();
     drainAfterCompaction();
@@ -162,15 +172,25 @@ void HwWriter::drainQueue() {
 void HwWriter::write(const XpLpm::CommandBase& cmd) {
   if (cmd.cmdType() == XpLpm::commandTypePrefix) {
     const auto& prefixCmd = static_cast<const XpLpm::PrefixCommand&>(cmd);
-    const XpXdk::xpLpmPrefixEntry entry = encodePrefixEntry(prefixCmd, config_->keyType());
-    XpXdk::xpLpmPrefixEntry held;
     const U32 table = prefixCmd.tableId().value(), offset = prefixCmd.index().value();
-    mix(counters_.digest, table, offset, entry);
-    if (mgr_->readPrefixEntry(0, table, offset, &held, 0) == XpXdk::XP_NO_ERR && held == entry) {
+    if (lastPrefixCmd_ && sameCommand(*lastPrefixCmd_, prefixCmd)) {
+      mix(counters_.digest, table, offset, lastPrefixEntry_);
       ++counters_.prefixSkipped;
       return;
     }
-    if (writePrefix(table, offset, entry, held)) ++counters_.prefixWrites;
+    lastPrefixCmd_ = nullptr;
+    const XpXdk::xpLpmPrefixEntry entry = encodePrefixEntry(prefixCmd, config_->keyType());
+    XpXdk::xpLpmPrefixEntry held;
+    mix(counters_.digest, table, offset, entry);
+    if (mgr_->readPrefixEntry(0, table, offset, &held, 0) == XpXdk::XP_NO_ERR && held == entry) {
+      ++counters_.prefixSkipped;
+    } else if (writePrefix(table, offset, entry, held)) {
+      ++counters_.prefixWrites;
+    } else {
+      return;
+    }
+    lastPrefixCmd_ = Ptr<const XpLpm::PrefixCommand>(&prefixCmd);
+    lastPrefixEntry_ = entry;
     return;
   }
   const auto& nhiCmd = static_cast<const XpLpm::NhiCommand&>(cmd);
@@ -360,6 +380,7 @@ class HwWriter::Plan {
 
 void HwWriter::drainAfterCompaction() {
   ++counters_.compactionDrains;
+  lastPrefixCmd_ = nullptr;
   std::vector<Item> items;
   items.reserve(status_->pendingCmds());
   for (const auto& [index, cmd] : status_->pendingCmdQueue()) {

@@ -95,6 +95,12 @@ class HwWriter {
   U64 compactionsSeen_ = 0;
   // Per tile and entry: how many of the chip's prefix entries read that NHI entry.
   std::vector<std::vector<U16>> readers_;
+  // The last prefix command of this drain and the entry it left in the chip, while nothing else
+  // has written a prefix entry since: a replay after a restart asks for a sub-trie's entry once
+  // per route, one request after another, and the same command again needs no encoding and
+  // finds its entry in place.
+  Ptr<const XpLpm::PrefixCommand> lastPrefixCmd_;
+  XpXdk::xpLpmPrefixEntry lastPrefixEntry_;
 };
 
 }  // namespace Agent
