@@ -38,6 +38,12 @@ XpXdk::xpLpmLeaf encodeLeaf(const XpLpm::LpmPrefix& prefix, U8 branchLen) {
 
 XpXdk::xpLpmPrefixEntry encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm::KeyType keyType) {
   XpXdk::xpLpmPrefixEntry e;
+  encodePrefixEntry(cmd, keyType, e);
+  return e;
+}
+
+void encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm::KeyType keyType, XpXdk::xpLpmPrefixEntry& e) {
+  e = XpXdk::xpLpmPrefixEntry();
   e.keySize = keyType == XpLpm::keyShort48b ? XpXdk::xpLpmPrefixEntry::kKeySizeShort
                                             : XpXdk::xpLpmPrefixEntry::kKeySizeLong;
   e.mode = cmd.mode() == XpLpm::modeSparse ? XpXdk::xpLpmPrefixEntry::kModeSparse : U8(cmd.mode() + 1);
@@ -55,7 +61,6 @@ XpXdk::xpLpmPrefixEntry encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm
   for (const auto& [slot, prefix] : list) {
     if (prefix && slot < XpXdk::xpLpmPrefixEntry::kMaxSlots) e.slots[slot] = encodeLeaf(*prefix, cmd.branchLen());
   }
-  return e;
 }
 
 XpXdk::xpLpmNhiEntry encodeNhiEntry(const XpLpm::NhiCommand& cmd) {

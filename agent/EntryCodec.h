@@ -14,6 +14,8 @@ namespace Agent {
 // The entry image of a prefix command. Branch bits beyond branchLen, which the
 // model may carry, are not part of the image.
 XpXdk::xpLpmPrefixEntry encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm::KeyType keyType);
+// The same into an entry the caller keeps (464 bytes not copied once more).
+void encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm::KeyType keyType, XpXdk::xpLpmPrefixEntry& e);
 XpXdk::xpLpmNhiEntry encodeNhiEntry(const XpLpm::NhiCommand& cmd);
 
 // The leaf of a prefix stored below a branch of branchLen bits: its remaining

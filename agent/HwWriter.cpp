@@ -179,7 +179,9 @@ void HwWriter::write(const XpLpm::CommandBase& cmd) {
       return;
     }
     lastPrefixCmd_ = nullptr;
-    const XpXdk::xpLpmPrefixEntry entry = encodePrefixEntry(prefixCmd, config_->keyType());
+    // Encoded where a repeat of the command will find it.
+    const XpXdk::xpLpmPrefixEntry& entry = lastPrefixEntry_;
+    encodePrefixEntry(prefixCmd, config_->keyType(), lastPrefixEntry_);
     XpXdk::xpLpmPrefixEntry held;
     mix(counters_.digest, table, offset, entry);
     if (mgr_->readPrefixEntry(0, table, offset, &held, 0) == XpXdk::XP_NO_ERR && held == entry) {
@@ -190,7 +192,6 @@ void HwWriter::write(const XpLpm::CommandBase& cmd) {
       return;
     }
     lastPrefixCmd_ = Ptr<const XpLpm::PrefixCommand>(&prefixCmd);
-    lastPrefixEntry_ = entry;
     return;
   }
   const auto& nhiCmd = static_cast<const XpLpm::NhiCommand&>(cmd);
