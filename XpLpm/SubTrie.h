@@ -2,9 +2,9 @@
 // branch (the first branchLen key bits), each in a numbered slot, and the NHI
 // block that holds their next hops by slot.
 //
-// Slots are one small vector indexed by slot number (null = free): both
-// directions of the slot <-> prefix mapping stay within one cache-friendly array
-// of at most 216 entries, and an entry costs 8 bytes instead of two map nodes.
+// Slots are one small array indexed by slot number, holding each prefix's 32-bit
+// name (free slots hold none): both directions of the slot <-> prefix mapping stay
+// within one cache-friendly array of at most 216 entries, 4 bytes an entry.
 #pragma once
 
 #include <memory>
@@ -169,7 +169,8 @@ class SubTrieSet : public PtrInterface {
     many_.reset();
     one_.first = nullptr;
   }
-  const_iterator begin() const { return many_ ? many_->empty() ? nullptr : &*many_->begin() : &one_; }
+  // A map is never left empty.
+  const_iterator begin() const { return many_ ? &*many_->begin() : &one_; }
   const_iterator end() const { return begin() + subTries(); }
 
   // Made and dropped with the NHI records: from the pool, not the heap.

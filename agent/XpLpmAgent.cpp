@@ -6,7 +6,6 @@
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <map>
 #include <optional>
 #include <string_view>
@@ -315,7 +314,6 @@ void XpLpmAgent::newGroup(SwId group, Nway width) {
   if (freeTags_.empty()) {
     groupOfTag_.push_back(group);
   } else {
-    std::pop_heap(freeTags_.begin(), freeTags_.end(), std::greater<>());
     tag = freeTags_.back();
     freeTags_.pop_back();
     groupOfTag_[tag] = group;
@@ -379,7 +377,6 @@ void XpLpmAgent::groupDel(SwId group) {
     prefix->record().ownerAt = XpLpm::LpmPrefixRecord::kNowhere;
   }
   freeTags_.push_back(g->tag);
-  std::push_heap(freeTags_.begin(), freeTags_.end(), std::greater<>());
   groups_.erase(group);
   nhConfig_->requestDel(group);
   applyNextHopChanges(group, NextHopBlock());

@@ -376,7 +376,7 @@ class XpLpmAgent {
   Ptr<XpLpmNextHop::LpmNextHopSm> nhSm_;
   Family v4_, v6_;
   HashMap<SwId, Group> groups_;
-  // Group by tag; the tags of dropped groups are given out again, lowest first.
+  // Group by tag; the tags of dropped groups are given out again, the last dropped first.
   std::vector<SwId> groupOfTag_;
   std::vector<U32> freeTags_;
   AgentCounters counters_;
