@@ -2,6 +2,8 @@
 // and a slot's leaf words, and how a route found in an invalid entry is dropped.
 #pragma once
 
+#include <functional>
+
 #include "XpLpm/RestartHelperBase.h"
 #include "XpLpm/XpLpmSm.h"
 
@@ -23,8 +25,17 @@ class AgentRestartHelper : public XpLpm::RestartHelperBase {
 
   U64 prefixesDropped() const { return dropped_; }
 
+  // Called with the machine as its start-up begins, before recovery reads the chip and before
+  // the machine queues its first command.
+  void onMachineIs(std::function<void(XpLpm::LpmSm*)> f) { onMachine_ = std::move(f); }
+  void lpmSmIs(XpLpm::LpmSm* sm) override {
+    RestartHelperBase::lpmSmIs(sm);
+    if (onMachine_ && sm) onMachine_(sm);
+  }
+
  private:
   U64 dropped_ = 0;
+  std::function<void(XpLpm::LpmSm*)> onMachine_;
 };
 
 }  // namespace Agent

@@ -55,6 +55,28 @@ U32 widestEntryBits(const XpXdk::xpLpmTableContext& c) {
   return bits;
 }
 
+// A warm start replays every recovered route inside the machine's construction, a prefix command
+// or more per route. Left to the end, the queue would hold the whole table's commands at once
+// (hundreds of megabytes on a full table, every page of them faulted in); written as it fills, in
+// the same order, it stays small and in the cache.
+class ReplayDrain : public XpLpm::Status::Notifiee {
+ public:
+  ReplayDrain(const Ptr<XpLpm::Status>& status, HwWriter& writer) : writer_(writer) { notifierIs(status); }
+
+  void onPendingCmd(U32) override {
+    // Draining dequeues, which tells us again.
+    if (draining_ || notifier()->pendingCmds() < kBatch) return;
+    draining_ = true;
+    writer_.drain();
+    draining_ = false;
+  }
+
+ private:
+  static constexpr U32 kBatch = 512;
+  HwWriter& writer_;
+  bool draining_ = false;
+};
+
 }  // namespace
 
 std::vector<std::string> environmentProblems(const XpXdk::xpChipProfile& profile) {
@@ -150,19 +172,27 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
   f.config = config;
   f.status = XpLpm::statusFactory(name);
   Ptr<AgentRestartHelper> helper;
+  std::unique_ptr<ReplayDrain> replayDrain;
   if (warm) {
     config->restartModeIs(XpLpm::modeRestartNormal);
     helper = makePtr<AgentRestartHelper>(config, f.status);
     helper->xdkLpmMgrIs(&chip_->lpmMgr(ipv6));
+    // The writer must count the chip's readers before anything is written, and the machine
+    // writes nothing before recovery has read the chip.
+    helper->onMachineIs([&](XpLpm::LpmSm* sm) {
+      f.writer = std::make_unique<HwWriter>(f.status, config, sm, &chip_->lpmMgr(ipv6));
+      replayDrain = std::make_unique<ReplayDrain>(f.status, *f.writer);
+    });
   }
   const auto t0 = std::chrono::steady_clock::now();
   f.sm = XpLpm::LpmSmIs(name, config, f.status, helper);
+  replayDrain.reset();
   // Set once the machine has started: its start-up replays only what recovery found in the chip,
   // which keeps every block it has, so no block is filed before the switch is on.
   f.sm->nhiOwnTileFilingEnabledIs(options_.nhiOwnTileFiling);
   // No block is larger than a tile, whatever a sub-trie could hold in a wider one.
   f.largestNhiBlock = std::min<U64>(f.sm->nhiBlockSize(f.sm->maxSubTrieSlots()), config->nhiEntriesPerTile());
-  f.writer = std::make_unique<HwWriter>(f.status, config, f.sm.ptr(), &chip_->lpmMgr(ipv6));
+  if (!f.writer) f.writer = std::make_unique<HwWriter>(f.status, config, f.sm.ptr(), &chip_->lpmMgr(ipv6));
   f.writer->drain();
   if (!warm) return;
   // A route recovered from an earlier entry and then met again in an invalid one
