@@ -38,6 +38,8 @@ class SubTrie : public PtrInterface {
     Ptr<LpmPrefix> operator[](U32 slot) const { return lpmPrefixOf(refs_[slot]); }
     const_iterator begin() const { return const_iterator(refs_); }
     const_iterator end() const { return const_iterator(refs_ + size_); }
+    // The names themselves (kNoLpmPrefix = free), for a caller that must not touch the objects.
+    const U32* refs() const { return refs_; }
 
    private:
     const U32* refs_;

@@ -512,7 +512,32 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
   // place in the list names it throughout.
   std::vector<bool> done(g->routes.size());
   std::vector<Ptr<XpLpm::LpmPrefix>> alone, together;
+  // A group's routes lie all over a full table: a route's object, its sub-trie, the sub-trie's
+  // slots and their objects are each a cache miss, and each needs the one before it to be found.
+  // Re-pointing one route takes far longer than a miss, so the chain is walked a step per route
+  // ahead of it, from objects four routes on to slot objects one route on.
+  const auto prefetchAhead = [routes = &g->routes](U32 i) {
+    const U32 n = routes->size();
+    const auto subTrie = [&](U32 k) { return XpLpm::lpmPrefixAt(routes->ref(k))->record().subTrie; };
+    if (i + 4 < n) {
+      const XpLpm::LpmPrefix* p = XpLpm::lpmPrefixAt(routes->ref(i + 4));
+      __builtin_prefetch(p);
+      __builtin_prefetch(&p->record());
+    }
+    if (i + 3 < n)
+      if (const XpLpm::SubTrie* st = subTrie(i + 3)) __builtin_prefetch(st);
+    if (i + 2 < n)
+      if (const XpLpm::SubTrie* st = subTrie(i + 2)) __builtin_prefetch(st->slots().refs());
+    if (i + 1 < n) {
+      if (const XpLpm::SubTrie* st = subTrie(i + 1)) {
+        const XpLpm::SubTrie::Slots slots = st->slots();
+        for (U32 s = 0; s < slots.size(); ++s)
+          if (slots.refs()[s] != XpLpm::kNoLpmPrefix) __builtin_prefetch(&XpLpm::lpmPrefixAt(slots.refs()[s])->record());
+      }
+    }
+  };
   for (U32 i = 0; i < g->routes.size(); ++i) {
+    prefetchAhead(i);
     if (done[i]) continue;
     const Ptr<XpLpm::LpmPrefix>& prefix = g->routes[i];
     Family& f = family(prefix->addressFamily() == XpLpm::AddressFamily::ipv6);

@@ -276,6 +276,7 @@ class XpLpmAgent {
     U32 size() const { return static_cast<U32>(refs_.size()); }
     bool empty() const { return refs_.empty(); }
     Ptr<XpLpm::LpmPrefix> operator[](U32 i) const { return Ptr<XpLpm::LpmPrefix>(XpLpm::lpmPrefixAt(refs_[i])); }
+    U32 ref(U32 i) const { return refs_[i]; }
     const_iterator begin() const { return const_iterator(refs_.data()); }
     const_iterator end() const { return const_iterator(refs_.data() + refs_.size()); }
     void push_back(const Ptr<XpLpm::LpmPrefix>& p) {
