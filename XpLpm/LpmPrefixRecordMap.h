@@ -8,12 +8,16 @@
 //
 // That needs two things of every key the collection meets: that it is the one object of its key
 // in its configuration (its record's domain), and that no other collection of the same field
-// keeps its entry there. A key that is not (an object made outside a configuration, one of another
-// configuration, or a second collection of the same field over the same objects) turns the
-// collection into a plain LpmPrefixMap, in the same order, for as long as it holds anything: the
-// result is the same, only slower.
+// keeps its entry there. The second is a claim: one collection of a field at a time keeps entries
+// in the records of a domain, so a record's place always names a place in the claimant's order and
+// a lookup reads nothing but the record. A key that does not qualify (an object made outside a
+// configuration, one of another configuration, or a key of a domain another collection of the
+// field has claimed) turns the collection into a plain LpmPrefixMap, in the same order, for as
+// long as it holds anything: the result is the same, only slower.
 #pragma once
 
+#include <mutex>
+#include <unordered_set>
 #include <utility>
 
 #include "XpLpm/LpmPrefix.h"
@@ -102,8 +106,7 @@ class LpmPrefixRecordMap {
         Field::put(r, v);
         return true;
       }
-      if (keptHere(*p) && Field::at(r) == LpmPrefixRecord::kNowhere) {
-        domain_ = r.domain;
+      if (keptHere(*p) && Field::at(r) == LpmPrefixRecord::kNowhere && (!keys_.empty() || claim(r.domain))) {
         Field::at(r) = keys_.size();
         keys_.push_back(p->ref());
         p->newRef();
@@ -141,6 +144,7 @@ class LpmPrefixRecordMap {
     Field::at(r) = LpmPrefixRecord::kNowhere;
     Field::put(r, Value());
     keep->deleteRef();
+    if (keys_.empty()) unclaim();
     return true;
   }
 
@@ -161,16 +165,41 @@ class LpmPrefixRecordMap {
     return Entry{Ptr<LpmPrefix>(k), Field::get(k->record())};
   }
 
-  // Whether this collection keeps p's entry in p's record.
+  // Whether this collection keeps p's entry in p's record: only the claimant of p's domain places
+  // keys there.
   bool holds(const LpmPrefix& p) const {
-    const U32 at = Field::at(p.record());
-    return at < keys_.size() && keys_[at] == p.ref();
+    return domain_ != 0 && p.record().domain == domain_ && Field::at(p.record()) != LpmPrefixRecord::kNowhere;
   }
   // Whether p is its configuration's one object for its key, of the configuration whose objects
   // this collection keeps: then no other key object of p's key can be here.
   bool keptHere(const LpmPrefix& p) const {
     const U32 d = p.record().domain;
-    return d != 0 && (domain_ == 0 || domain_ == d || keys_.empty());
+    return d != 0 && (keys_.empty() || domain_ == d);
+  }
+
+  // The domains whose records a collection of this field has claimed.
+  struct Claims {
+    std::mutex mutex;  // collections of separate instances may live in separate threads
+    std::unordered_set<U32> domains;
+  };
+  static Claims& claims() {
+    static Claims c;
+    return c;
+  }
+  // Taken with the first key, given back with the last: rare, so the lock costs nothing.
+  bool claim(U32 domain) {
+    Claims& c = claims();
+    const std::lock_guard<std::mutex> lock(c.mutex);
+    if (!c.domains.insert(domain).second) return false;
+    domain_ = domain;
+    return true;
+  }
+  void unclaim() {
+    if (domain_ == 0) return;
+    Claims& c = claims();
+    const std::lock_guard<std::mutex> lock(c.mutex);
+    c.domains.erase(domain_);
+    domain_ = 0;
   }
 
   // Moves every entry out of the records into a plain map, in the same order.
@@ -184,13 +213,13 @@ class LpmPrefixRecordMap {
       k->deleteRef();
     }
     keys_.clear();
-    domain_ = 0;
+    unclaim();
     spilled_ = true;
   }
 
   // The keys by name (LpmPrefix::ref), each holding a reference: half the room of a Ptr.
   ChunkedVector<U32> keys_;
-  U32 domain_ = 0;
+  U32 domain_ = 0;  // the domain claimed, while keys_ holds anything
   bool spilled_ = false;
   LpmPrefixMap<Value> spill_;
 };
