@@ -238,6 +238,30 @@ Ptr<NhiInfo> LpmSm::allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKe
   return nhiInfo;
 }
 
+void LpmSm::prefetchNhiRecords(const SubTrie& subTrie, U32 step) const {
+  const NhiInfoKey& key = subTrie.nhiInfoKey();
+  const NhiTableIdx base = subTrie.nhiBaseIdx();
+  switch (step) {
+    case 0:
+      key.prefetch();
+      nhiBaseIdxToSubTrie_.prefetch(base);
+      nhiBaseIdxToBlk_.prefetch(base);
+      break;
+    case 1:
+      if (key.slotToNextHopBlocks()) sharedNhi_.prefetch(key, 0);
+      if (const Ptr<SubTrieSet>* users = nhiBaseIdxToSubTrie_.find(base)) __builtin_prefetch(users->ptr());
+      if (const Ptr<Blk>* blk = nhiBaseIdxToBlk_.find(base)) __builtin_prefetch(blk->ptr());
+      break;
+    case 2:
+      if (key.slotToNextHopBlocks()) sharedNhi_.prefetch(key, 1);
+      break;
+    case 3:
+      if (key.slotToNextHopBlocks())
+        if (const Ptr<NhiInfo>* shared = sharedNhi_.find(key)) __builtin_prefetch(shared->ptr());
+      break;
+  }
+}
+
 void LpmSm::releaseNhiInfo(const Ptr<SubTrie>& subTrie) {
   XP_TRACE(7, "LpmSm::releaseNhiInfo subtrie " << *subTrie);
   // Nothing below changes the sub-trie's key.

@@ -57,6 +57,10 @@ class NhiInfoKey {
   // The block of `slot`, or the default block.
   NextHopBlock slotToNextHopBlock(U8 slot) const;
   U32 slotToNextHopBlocks() const { return rep_ ? rep_->size : 0; }
+  // Starts loading the representation, for a caller that will compare or hash the key soon.
+  void prefetch() const {
+    if (rep_) __builtin_prefetch(rep_.ptr());
+  }
   const_iterator begin() const { return rep_ ? rep_->entries() : nullptr; }
   const_iterator end() const { return rep_ ? rep_->entries() + rep_->size : nullptr; }
   // Room for n entries, for a caller that knows how many it will add.

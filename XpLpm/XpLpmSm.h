@@ -148,6 +148,14 @@ class LpmSm : public PtrInterface {
   const HashMap<NhiTileIdx, Ptr<BestFitAllocator>>& nhiAllocatorMap() const { return nhiAllocator_; }
   void nhiAllocatorIs(NhiTileIdx tile, const Ptr<BestFitAllocator>& a) { nhiAllocator_.set(tile, a); }
 
+  // A hint for a caller about to update the sub-tries of many routes spread over a full table
+  // (re-pointing a group's routes): starts the loads that giving back the sub-trie's NHI records
+  // will wait for, one link of the chain per step. Step 0 asks for what the sub-trie names; each
+  // later step, called once the one before has had time to arrive, for what that names in turn
+  // (steps 0 to 3). Changes nothing.
+  static constexpr U32 kNhiPrefetchSteps = 4;
+  void prefetchNhiRecords(const SubTrie& subTrie, U32 step) const;
+
   Ptr<Blk> nhiBaseIdxToBlk(const NhiTableIdx& idx) const { return nhiBaseIdxToBlk_.get(idx); }
   const NhiPositionMap<Ptr<Blk>>& nhiBaseIdxToBlkMap() const { return nhiBaseIdxToBlk_; }
   void nhiBaseIdxToBlkIs(const NhiTableIdx& idx, const Ptr<Blk>& blk) { nhiBaseIdxToBlk_.set(idx, blk); }

@@ -513,27 +513,31 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
   std::vector<bool> done(g->routes.size());
   std::vector<Ptr<XpLpm::LpmPrefix>> alone, together;
   // A group's routes lie all over a full table: a route's object, its sub-trie, the sub-trie's
-  // slots and their objects are each a cache miss, and each needs the one before it to be found.
-  // Re-pointing one route takes far longer than a miss, so the chain is walked a step per route
-  // ahead of it, from objects four routes on to slot objects one route on.
-  const auto prefetchAhead = [routes = &g->routes](U32 i) {
+  // slots, their objects and the sub-trie's NHI records are each a cache miss, and each needs the
+  // one before it to be found. Re-pointing one route takes far longer than a miss, so the chain is
+  // walked a link per route ahead of it: objects six routes on, NHI records' last link one on.
+  const auto prefetchAhead = [routes = &g->routes, sm = [this](const XpLpm::LpmPrefix& p) {
+                               return family(p.addressFamily() == XpLpm::AddressFamily::ipv6).sm.ptr();
+                             }](U32 i) {
     const U32 n = routes->size();
-    const auto subTrie = [&](U32 k) { return XpLpm::lpmPrefixAt(routes->ref(k))->record().subTrie; };
-    if (i + 4 < n) {
-      const XpLpm::LpmPrefix* p = XpLpm::lpmPrefixAt(routes->ref(i + 4));
-      __builtin_prefetch(p);
-      __builtin_prefetch(&p->record());
+    const auto object = [&](U32 k) { return XpLpm::lpmPrefixAt(routes->ref(k)); };
+    if (i + 6 < n) {
+      __builtin_prefetch(object(i + 6));
+      __builtin_prefetch(&object(i + 6)->record());
     }
-    if (i + 3 < n)
-      if (const XpLpm::SubTrie* st = subTrie(i + 3)) __builtin_prefetch(st);
-    if (i + 2 < n)
-      if (const XpLpm::SubTrie* st = subTrie(i + 2)) __builtin_prefetch(st->slots().refs());
-    if (i + 1 < n) {
-      if (const XpLpm::SubTrie* st = subTrie(i + 1)) {
-        const XpLpm::SubTrie::Slots slots = st->slots();
+    if (i + 5 < n)
+      if (const XpLpm::SubTrie* st = object(i + 5)->record().subTrie) __builtin_prefetch(st);
+    for (U32 ahead = XpLpm::LpmSm::kNhiPrefetchSteps; ahead >= 1; --ahead) {
+      if (i + ahead >= n) continue;
+      const XpLpm::LpmPrefix& p = *object(i + ahead);
+      const XpLpm::SubTrie* st = p.record().subTrie;
+      if (!st) continue;
+      sm(p)->prefetchNhiRecords(*st, XpLpm::LpmSm::kNhiPrefetchSteps - ahead);
+      const XpLpm::SubTrie::Slots slots = st->slots();
+      if (ahead == 4) __builtin_prefetch(slots.refs());
+      if (ahead == 3)
         for (U32 s = 0; s < slots.size(); ++s)
           if (slots.refs()[s] != XpLpm::kNoLpmPrefix) __builtin_prefetch(&XpLpm::lpmPrefixAt(slots.refs()[s])->record());
-      }
     }
   };
   for (U32 i = 0; i < g->routes.size(); ++i) {
