@@ -296,7 +296,12 @@ XpLpmAgent::ReconcileReport XpLpmAgent::reconcile(const std::vector<Route>& want
     if (g && g->width == width && groupBlock(group) != NextHopBlock()) continue;
     if (groupWidthIs(group, width) != GroupResult::badWidth && g) ++report.groupsResized;
   }
-  for (const Route& r : wanted) {
+  for (std::size_t i = 0; i < wanted.size(); ++i) {
+    // Each key is a cache miss in a full table, and after a restart most routes come back
+    // unchanged, which is little work to hide the next miss behind: asked for far ahead.
+    if (i + 16 < wanted.size()) prefetchRoute(wanted[i + 16], 0);
+    if (i + 8 < wanted.size()) prefetchRoute(wanted[i + 8], 1);
+    const Route& r = wanted[i];
     Ptr<XpLpm::LpmPrefix> prefix = prefixOf(r);
     const NextHopBlock before = family(r.ipv6).config->request(prefix);
     routeIs(r, prefix);
@@ -738,6 +743,14 @@ Ptr<XpLpm::LpmPrefix> XpLpmAgent::prefixOf(const Route& r) {
 Ptr<XpLpm::LpmPrefix> XpLpmAgent::findPrefix(const Route& r) const {
   if (r.ipv6) return configV6_->lpmPrefix(VrfAndIp6Prefix{r.vrf, r.v6});
   return configV4_->lpmPrefix(VrfAndPrefix{r.vrf, r.v4});
+}
+
+void XpLpmAgent::prefetchRoute(const Route& r, U32 step) const {
+  if (r.ipv6) {
+    configV6_->lpmPrefixPrefetch(VrfAndIp6Prefix{r.vrf, r.v6}, step);
+  } else {
+    configV4_->lpmPrefixPrefetch(VrfAndPrefix{r.vrf, r.v4}, step);
+  }
 }
 
 RouteResult XpLpmAgent::routeIs(const Route& r, const Ptr<XpLpm::LpmPrefix>& prefix) {

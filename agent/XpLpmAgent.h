@@ -203,6 +203,10 @@ class XpLpmAgent {
   Ptr<XpLpm::LpmPrefix> prefixOf(const Route& r);
   // The same without creating it: null for a key the agent never requested.
   Ptr<XpLpm::LpmPrefix> findPrefix(const Route& r) const;
+  // For a caller about to request many routes spread over a large table: starts loading what
+  // finding the route's key object reads, in two steps (0, then 1 once that has arrived; the
+  // configuration's index, then the object). Changes nothing.
+  void prefetchRoute(const Route& r, U32 step) const;
   // Requests the route (or changes its next hop) and writes the chip; answers what became of it.
   RouteResult routeIs(const Route& r) { return routeIs(r, prefixOf(r)); }
   // The same for a caller that already holds the route's prefix object.
