@@ -186,6 +186,8 @@ void XpLpmAgent::startFamily(Family& f, const Ptr<XpLpm::ConfigBase>& config, co
   }
   const auto t0 = std::chrono::steady_clock::now();
   f.sm = XpLpm::LpmSmIs(name, config, f.status, helper);
+  // The machine keeps the helper; the callback's references end here.
+  if (helper) helper->onMachineIs(nullptr);
   replayDrain.reset();
   // Set once the machine has started: its start-up replays only what recovery found in the chip,
   // which keeps every block it has, so no block is filed before the switch is on.
@@ -520,27 +522,28 @@ void XpLpmAgent::repointRoutes(SwId group, const NextHopBlock& block, Repoint wh
   // A group's routes lie all over a full table: a route's object, its sub-trie, the sub-trie's
   // slots, their objects and the sub-trie's NHI records are each a cache miss, and each needs the
   // one before it to be found. Re-pointing one route takes far longer than a miss, so the chain is
-  // walked a link per route ahead of it: objects six routes on, NHI records' last link one on.
-  const auto prefetchAhead = [routes = &g->routes, sm = [this](const XpLpm::LpmPrefix& p) {
-                               return family(p.addressFamily() == XpLpm::AddressFamily::ipv6).sm.ptr();
-                             }](U32 i) {
+  // walked a link per route ahead of it: the object six routes on, its sub-trie five on, then the
+  // slots (four on), their objects (three on) and the machine's steps for the NHI records, the
+  // last one route on.
+  constexpr U32 kNhiSteps = XpLpm::LpmSm::kNhiPrefetchSteps;
+  const auto prefetchAhead = [this, routes = &g->routes](U32 i) {
     const U32 n = routes->size();
     const auto object = [&](U32 k) { return XpLpm::lpmPrefixAt(routes->ref(k)); };
-    if (i + 6 < n) {
-      __builtin_prefetch(object(i + 6));
-      __builtin_prefetch(&object(i + 6)->record());
+    if (i + kNhiSteps + 2 < n) {
+      __builtin_prefetch(object(i + kNhiSteps + 2));
+      __builtin_prefetch(&object(i + kNhiSteps + 2)->record());
     }
-    if (i + 5 < n)
-      if (const XpLpm::SubTrie* st = object(i + 5)->record().subTrie) __builtin_prefetch(st);
-    for (U32 ahead = XpLpm::LpmSm::kNhiPrefetchSteps; ahead >= 1; --ahead) {
+    if (i + kNhiSteps + 1 < n)
+      if (const XpLpm::SubTrie* st = object(i + kNhiSteps + 1)->record().subTrie) __builtin_prefetch(st);
+    for (U32 ahead = kNhiSteps; ahead >= 1; --ahead) {
       if (i + ahead >= n) continue;
       const XpLpm::LpmPrefix& p = *object(i + ahead);
       const XpLpm::SubTrie* st = p.record().subTrie;
       if (!st) continue;
-      sm(p)->prefetchNhiRecords(*st, XpLpm::LpmSm::kNhiPrefetchSteps - ahead);
+      family(p.addressFamily() == XpLpm::AddressFamily::ipv6).sm->prefetchNhiRecords(*st, kNhiSteps - ahead);
       const XpLpm::SubTrie::Slots slots = st->slots();
-      if (ahead == 4) __builtin_prefetch(slots.refs());
-      if (ahead == 3)
+      if (ahead == kNhiSteps) __builtin_prefetch(slots.refs());
+      if (ahead == kNhiSteps - 1)
         for (U32 s = 0; s < slots.size(); ++s)
           if (slots.refs()[s] != XpLpm::kNoLpmPrefix) __builtin_prefetch(&XpLpm::lpmPrefixAt(slots.refs()[s])->record());
     }
