@@ -49,10 +49,14 @@ void encodePrefixEntry(const XpLpm::PrefixCommand& cmd, XpLpm::KeyType keyType, 
   e.mode = cmd.mode() == XpLpm::modeSparse ? XpXdk::xpLpmPrefixEntry::kModeSparse : U8(cmd.mode() + 1);
   e.branchLen = cmd.branchLen();
   e.stride = cmd.stride();
-  // Right-aligned, least significant byte first: entry bit i is branch bit branchLen - 1 - i.
-  for (U32 i = 0; i < cmd.branchLen(); ++i) {
-    const U32 keyBit = cmd.branchLen() - 1 - i;
-    if ((cmd.branch().byteAt(keyBit / 8) >> (7 - keyBit % 8)) & 1) e.branch[i / 8] |= U8(1u << (i % 8));
+  // Right-aligned, least significant byte first: entry bit i is branch bit branchLen - 1 - i, so the
+  // entry holds the branch's bits as one number. A byte at a time: entry byte j is cut from the two
+  // branch bytes that end 8j bits before the branch does.
+  const U32 bytes = (cmd.branchLen() + 7u) / 8u, shift = bytes * 8 - cmd.branchLen();
+  for (U32 j = 0; j < bytes; ++j) {
+    const U32 lo = cmd.branch().byteAt(bytes - 1 - j);
+    const U32 hi = j + 1 < bytes ? cmd.branch().byteAt(bytes - 2 - j) : 0;
+    e.branch[j] = static_cast<U8>(((hi << 8) | lo) >> shift);
   }
   e.nhiTile = cmd.nhiBaseIdx().tile().value();
   e.nhiOffset = cmd.nhiBaseIdx().offset();
