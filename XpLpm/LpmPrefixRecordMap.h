@@ -183,8 +183,9 @@ class LpmPrefixRecordMap {
     std::unordered_set<U32> domains;
   };
   static Claims& claims() {
-    static Claims c;
-    return c;
+    // Never destroyed: a collection may empty while other statics go away at exit.
+    static Claims* c = new Claims;
+    return *c;
   }
   // Taken with the first key, given back with the last: rare, so the lock costs nothing.
   bool claim(U32 domain) {
