@@ -152,11 +152,7 @@ void LpmSm::processNhiDefrag(NhiTileIdx tile, const Ptr<PendingCmds>& defragCmds
     const NhiTableIdx newIdx(tile, static_cast<U16>(move.blk->base()));
     Ptr<SubTrieSet> subTrieSetOld = nhiBaseIdxToSubTrie(oldIdx);
     if (!subTrieSetOld) XP_FAIL("subTrieSetOld", " oldNhiIdx " << oldIdx);
-    Ptr<SubTrieSet> newSet = nhiBaseIdxToSubTrie(newIdx);
-    if (!newSet) {
-      newSet = subTrieSetFactory();
-      nhiBaseIdxToSubTrie_.set(newIdx, newSet);
-    }
+    const Ptr<SubTrieSet> newSet = nhiUsersAt(newIdx);
 
     while (subTrieSetOld->subTries() > 0) {
       Ptr<SubTrie> subTrie = subTrieSetOld->begin()->first;
@@ -175,6 +171,15 @@ void LpmSm::processNhiDefrag(NhiTileIdx tile, const Ptr<PendingCmds>& defragCmds
     }
     nhiBaseIdxToSubTrie_.erase(oldIdx);
   }
+}
+
+Ptr<SubTrieSet> LpmSm::nhiUsersAt(const NhiTableIdx& idx) {
+  Ptr<SubTrieSet> users = nhiBaseIdxToSubTrie(idx);
+  if (!users) {
+    users = subTrieSetFactory();
+    nhiBaseIdxToSubTrie_.set(idx, users);
+  }
+  return users;
 }
 
 Ptr<NhiInfo> LpmSm::sharedNhiIs(const NhiInfoKey& key) {
@@ -223,12 +228,7 @@ Ptr<NhiInfo> LpmSm::allocateNhiInfo(const Ptr<SubTrie>& subTrie, const NhiInfoKe
     nhiInfo->subTrieCountIs(0);
     XP_TRACE(7, "LpmSm::allocateNhiInfo nhiInfo created " << nhiInfo->str());
   }
-  Ptr<SubTrieSet> set = nhiBaseIdxToSubTrie(nhiBaseIdx);
-  if (!set) {
-    set = subTrieSetFactory();
-    nhiBaseIdxToSubTrie_.set(nhiBaseIdx, set);
-  }
-  set->subTrieIs(subTrie);
+  nhiUsersAt(nhiBaseIdx)->subTrieIs(subTrie);
   nhiInfo->subTrieCountInc(1);
   if (nhiInfo->subTrieCount() > 1) nhiSharedDeleteNeed_ += nhiBlockSize(static_cast<U8>(key.slotToNextHopBlocks() - 1));
   subTrie->nhiBaseIdxIs(nhiBaseIdx);

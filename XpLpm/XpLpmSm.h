@@ -220,6 +220,8 @@ class LpmSm : public PtrInterface {
   void verifyNhiBlocks(VerifyCounts& counts) const;
   void verifyRoutes(VerifyCounts& counts) const;
   void enqueue(const Ptr<CommandBase>& cmd) { status_->pendingCmdEnq(cmd); }
+  // The user set of the NHI block at `idx`, made empty when there is none.
+  Ptr<SubTrieSet> nhiUsersAt(const NhiTableIdx& idx);
 
   Name name_;
   Ptr<ConfigBase> config_;
